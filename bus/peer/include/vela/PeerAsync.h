@@ -1,0 +1,87 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace orv::sys {
+class EventLoop;
+}
+
+namespace vela {
+
+// Selects state paths for a fetch. Each criterion applies when it is not
+// empty; a path matches when it passes every applied criterion. An all-empty
+// matcher matches every path.
+struct matcher_t
+{
+    std::string equals;      // the path is exactly this
+    std::string startsWith;  // the path begins with this
+    std::string endsWith;    // the path ends with this
+    std::string contains;    // the path contains this
+    std::string equalsNot;   // the path is anything but this
+};
+
+// Answer of the broker to a request: an object with "result" on success or
+// "error" ({"code": int, "message": string}) on failure.
+using ResponseCallback = std::function<void(const Json::Value& response)>;
+// A fetch notification {"path": ..., "event": "add"|"change"|"remove",
+// "value": ...} and the id of the fetch that matched it.
+using FetchCallback = std::function<void(const Json::Value& notification, int fetchId)>;
+// A set request on an own state: the requested value and the state's path.
+// The returned value (null allowed) is the answer to the requester.
+using SetCallback = std::function<Json::Value(const Json::Value& value, const std::string& path)>;
+
+// A participant of the vela bus, driven by an orv::sys::EventLoop. Every call
+// returns at once; the request goes out when the connection is up (calls made
+// before that are queued) and the optional callbacks run later on the loop.
+//
+// When the broker goes away the peer reconnects with a bounded back-off and
+// restores, by itself, all its states (with their current values) and fetches;
+// the owner of the peer notices nothing but a log line.
+class PeerAsync
+{
+public:
+    // name: how the peer shows itself on the broker until configAsync names it
+    // (empty: anonymous). trace: log every frame to standard error.
+    PeerAsync(orv::sys::EventLoop& loop, const std::string& address, unsigned port,
+              const std::string& name = {}, bool trace = false);
+    ~PeerAsync();
+    PeerAsync(const PeerAsync&) = delete;
+    PeerAsync& operator=(const PeerAsync&) = delete;
+
+    // Names this peer on the broker; debug asks the broker to log its requests.
+    void configAsync(const std::string& name, bool debug, ResponseCallback response = {});
+
+    // Adds a state owned by this peer. A second add of an existing path is
+    // refused by the broker (error response). Without a set callback, set
+    // requests from others are refused.
+    void addStateAsync(const std::string& path, const Json::Value& value, ResponseCallback response = {},
+                       SetCallback onSet = {});
+    void removeStateAsync(const std::string& path, ResponseCallback response = {});
+    // Changes the value of an own state; fetchers see "change".
+    void notifyState(const std::string& path, const Json::Value& value);
+    void notifyState(const std::string& path, const std::string& value);
+    void notifyState(const std::string& path, const char* value);
+
+    // Starts a fetch and returns its id at once. Every matching state first
+    // arrives as "add", then changes as "change" and removals as "remove". The
+    // response callback runs after the states present at that moment have
+    // been delivered.
+    int addFetchAsync(const matcher_t& matcher, FetchCallback onNotify, ResponseCallback response = {});
+    void removeFetchAsync(int fetchId, ResponseCallback response = {});
+
+    // Sends a set request to the owner of path; the response carries the
+    // owner's answer as "result", or an error.
+    void setAsync(const std::string& path, const Json::Value& value, ResponseCallback response = {});
+
+    bool isConnected() const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace vela

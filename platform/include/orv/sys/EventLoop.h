@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+namespace orv::sys {
+
+// A single-threaded reactor on epoll. Every fd the program watches registers
+// here with a callback; execute() dispatches them until stop().
+//
+// stop() is async-signal-safe (it only writes to an eventfd), so a signal
+// handler may call it, and so may any callback. A stop() that comes before
+// execute() makes the next execute() return at once.
+//
+// Callbacks may add and remove registrations, their own included, while the
+// loop dispatches; a registration removed during a dispatch round receives no
+// further events of that round.
+class EventLoop
+{
+public:
+    // Called with the epoll event mask (EPOLLIN, EPOLLOUT, EPOLLERR, EPOLLHUP...).
+    using FdCallback = std::function<void(std::uint32_t events)>;
+
+    EventLoop();
+    ~EventLoop();
+    EventLoop(const EventLoop&) = delete;
+    EventLoop& operator=(const EventLoop&) = delete;
+
+    // Runs until stop(); returns 0, or a negative errno if epoll itself fails.
+    int execute();
+
+    // Makes execute() return after the callback now running (if any). Safe in
+    // signal handlers.
+    void stop();
+
+    // Watches fd for events (an EPOLL* mask). Returns 0 or a negative errno
+    // (-EEXIST when fd is registered already). The loop does not own fd.
+    int addFd(int fd, std::uint32_t events, FdCallback callback);
+    // Changes the event mask of a registered fd. 0 or a negative errno.
+    int modifyFd(int fd, std::uint32_t events);
+    // Stops watching fd. Harmless for an fd that is not registered.
+    void removeFd(int fd);
+
+    // Number of epoll_wait wake-ups so far; lets tests prove that an idle loop
+    // sleeps until its timers are due.
+    std::uint64_t wakeups() const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace orv::sys
