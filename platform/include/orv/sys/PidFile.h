@@ -27,6 +27,7 @@ public:
 private:
     std::string m_path;
     int m_fd = -1;
+    int m_owner = 0;  // pid of the process that wrote the file
 };
 
 }  // namespace orv::sys
