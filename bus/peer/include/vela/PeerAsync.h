@@ -77,6 +77,10 @@ public:
     // owner's answer as "result", or an error.
     void setAsync(const std::string& path, const Json::Value& value, ResponseCallback response = {});
 
+    // notifyState with an answer: the response tells whether the broker took
+    // the change (an error for a path this peer does not own).
+    void changeStateAsync(const std::string& path, const Json::Value& value, ResponseCallback response);
+
     bool isConnected() const;
 
 private:

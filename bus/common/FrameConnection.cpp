@@ -1,0 +1,207 @@
+#include "FrameConnection.h"
+
+#include <orv/sys/EventLoop.h>
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace vela {
+
+namespace {
+
+constexpr std::size_t kReadChunk = 64 * 1024;
+// Reads per wake-up: bounds the time one busy peer holds the loop, so the
+// others keep being served.
+constexpr int kReadsPerEvent = 16;
+
+}  // namespace
+
+FrameConnection::FrameConnection(orv::sys::EventLoop& loop, int fd, std::size_t maxFrameSize,
+                                 FrameHandler onFrame, BadFrameHandler onBadFrame, CloseHandler onClose)
+    : m_loop(loop),
+      m_fd(fd),
+      m_decoder(maxFrameSize),
+      m_onFrame(std::move(onFrame)),
+      m_onBadFrame(std::move(onBadFrame)),
+      m_onClose(std::move(onClose)),
+      m_alive(std::make_shared<bool>(true))
+{
+    m_events = EPOLLIN;
+    int rc = m_loop.addFd(m_fd, m_events, [this](std::uint32_t events) { onEvents(events); });
+    if (rc < 0) {
+        abort(rc);
+    }
+}
+
+FrameConnection::~FrameConnection()
+{
+    *m_alive = false;
+    m_loop.removeFd(m_fd);
+    ::close(m_fd);
+}
+
+void FrameConnection::send(std::string_view payload)
+{
+    if (m_failure != 0 || m_closing) {
+        return;
+    }
+    if (m_outOffset > 0 && m_outOffset == m_out.size()) {
+        m_out.clear();
+        m_outOffset = 0;
+    }
+    appendFrame(m_out, payload);
+    updateInterest();
+}
+
+void FrameConnection::closeAfterFlush()
+{
+    m_closing = true;
+    m_reading = false;
+    // Writable is reported at once when nothing is queued, so the loop comes
+    // back to report the close in either case.
+    m_loop.modifyFd(m_fd, EPOLLOUT);
+    m_events = EPOLLOUT;
+}
+
+void FrameConnection::abort(int err)
+{
+    if (m_failure != 0) {
+        return;
+    }
+    m_failure = err < 0 ? err : -ECONNABORTED;
+    m_reading = false;
+    // A shut-down socket reports EPOLLHUP at once, even when its send
+    // buffer is full, so the close is reported from the loop and never from
+    // inside the caller.
+    ::shutdown(m_fd, SHUT_RDWR);
+    m_loop.modifyFd(m_fd, EPOLLIN | EPOLLOUT);
+    m_events = EPOLLIN | EPOLLOUT;
+}
+
+void FrameConnection::onEvents(std::uint32_t events)
+{
+    if (m_failure != 0) {
+        reportClose(m_failure);
+        return;
+    }
+    if (backlog() > 0 && (events & (EPOLLOUT | EPOLLERR | EPOLLHUP))) {
+        if (!flush()) {
+            return;
+        }
+    }
+    if (m_reading && (events & (EPOLLIN | EPOLLERR | EPOLLHUP))) {
+        if (!readAll()) {
+            return;
+        }
+    } else if (!m_reading && (events & (EPOLLERR | EPOLLHUP)) && backlog() > 0) {
+        reportClose(-EPIPE);
+        return;
+    }
+    if (m_closing && backlog() == 0) {
+        reportClose(0);
+        return;
+    }
+    updateInterest();
+}
+
+bool FrameConnection::readAll()
+{
+    std::shared_ptr<bool> alive = m_alive;
+    char buf[kReadChunk];
+    for (int i = 0; i < kReadsPerEvent && m_reading; ++i) {
+        ssize_t n = ::read(m_fd, buf, sizeof buf);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            if (errno == EAGAIN || errno == EWOULDBLOCK) {
+                break;
+            }
+            reportClose(-errno);
+            return false;
+        }
+        if (n == 0) {
+            reportClose(0);
+            return false;
+        }
+        m_decoder.feed(buf, static_cast<std::size_t>(n));
+        std::string_view payload;
+        while (m_reading) {
+            FrameDecoder::Result r = m_decoder.next(payload);
+            if (r == FrameDecoder::Result::kNeedMore) {
+                break;
+            }
+            if (r == FrameDecoder::Result::kBadLength) {
+                m_reading = false;
+                m_onBadFrame(m_decoder.badLength());
+                if (!*alive) {
+                    return false;
+                }
+                break;
+            }
+            m_onFrame(payload);
+            if (!*alive) {
+                return false;
+            }
+        }
+        if (static_cast<std::size_t>(n) < sizeof buf) {
+            break;
+        }
+    }
+    return true;
+}
+
+bool FrameConnection::flush()
+{
+    while (backlog() > 0) {
+        ssize_t n = ::send(m_fd, m_out.data() + m_outOffset, backlog(), MSG_NOSIGNAL);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            if (errno == EAGAIN || errno == EWOULDBLOCK) {
+                break;
+            }
+            reportClose(-errno);
+            return false;
+        }
+        m_outOffset += static_cast<std::size_t>(n);
+    }
+    if (m_outOffset == m_out.size()) {
+        m_out.clear();
+        m_outOffset = 0;
+    } else if (m_outOffset > m_out.size() / 2) {
+        m_out.erase(0, m_outOffset);
+        m_outOffset = 0;
+    }
+    return true;
+}
+
+void FrameConnection::updateInterest()
+{
+    if (m_failure != 0) {
+        return;
+    }
+    std::uint32_t want = (m_reading ? EPOLLIN : 0u) | (backlog() > 0 || m_closing ? EPOLLOUT : 0u);
+    if (want != m_events) {
+        m_loop.modifyFd(m_fd, want);
+        m_events = want;
+    }
+}
+
+void FrameConnection::reportClose(int err)
+{
+    m_reading = false;
+    m_loop.removeFd(m_fd);
+    // The handler usually destroys this object, and with it m_onClose.
+    CloseHandler handler = std::move(m_onClose);
+    m_onClose = nullptr;
+    if (handler) {
+        handler(err);
+    }
+}
+
+}  // namespace vela

@@ -1,0 +1,773 @@
+// The peer keeps what it has told the broker (its states with their current
+// values, its fetches, its name) as the truth, and the connection as a
+// replaceable channel: every (re)connection replays that record, so a broker
+// restart costs the owner nothing but a log line. Requests that only make
+// sense on a live connection (set, remove of a foreign path, ...) wait in a
+// queue until the next connection.
+#include <vela/PeerAsync.h>
+
+#include "Frame.h"
+#include "FrameConnection.h"
+#include "JsonText.h"
+#include "Matcher.h"
+#include "Protocol.h"
+#include "Socket.h"
+
+#include <orv/sys/EventLoop.h>
+#include <orv/sys/Timer.h>
+
+#include <sys/epoll.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <exception>
+#include <map>
+#include <set>
+#include <unordered_map>
+#include <vector>
+
+namespace vela {
+
+namespace p = protocol;
+
+namespace {
+
+// Reconnection back-off: doubles from the first to the last value (ms).
+constexpr std::chrono::milliseconds kFirstRetry(100);
+constexpr std::chrono::milliseconds kMaxRetry(2000);
+
+Json::Value okBody()
+{
+    Json::Value body(Json::objectValue);
+    body["result"] = true;
+    return body;
+}
+
+Json::Value errorBody(int code, const std::string& message)
+{
+    Json::Value body(Json::objectValue);
+    body["error"]["code"] = code;
+    body["error"]["message"] = message;
+    return body;
+}
+
+}  // namespace
+
+struct PeerAsync::Impl
+{
+    struct OwnState
+    {
+        Json::Value value;
+        SetCallback onSet;
+        // Answers owed for adds made while no connection was up; the add of
+        // the next connection's replay answers them.
+        std::vector<ResponseCallback> waiting;
+        std::uint64_t generation = 0;
+    };
+    struct FetchEntry
+    {
+        matcher_t matcher;
+        FetchCallback onNotify;
+        std::vector<ResponseCallback> waiting;
+        // Paths this fetch has reported as present. After a reconnection the
+        // ones not reported again by the time the fetch is answered have
+        // vanished meanwhile and get a "remove".
+        std::set<std::string> known;
+        std::set<std::string> stale;
+    };
+    enum class Kind
+    {
+        kPlain,
+        kHello,
+        kConfig,
+        kAdd,
+        kFetch
+    };
+    struct Pending
+    {
+        Kind kind = Kind::kPlain;
+        std::vector<ResponseCallback> callbacks;
+        std::string path;              // kAdd
+        std::uint64_t generation = 0;  // kAdd
+        int fetchId = 0;               // kFetch
+    };
+    struct Queued
+    {
+        std::string method;
+        Json::Value params;
+        ResponseCallback callback;
+        bool local = false;  // answered here with success, nothing is sent
+    };
+    enum class LinkLog
+    {
+        kSilent,       // connected at the first attempt, or never tried
+        kUnreachable,  // "not reachable" was logged
+        kLost          // "lost" was logged
+    };
+
+    orv::sys::EventLoop& loop;
+    std::string address;
+    std::uint16_t port;
+    std::string name;
+    bool trace;
+    bool debug = false;
+    bool configured = false;
+
+    std::unique_ptr<FrameConnection> conn;
+    int connectingFd = -1;
+    orv::sys::Timer retryTimer;
+    std::chrono::milliseconds backoff = kFirstRetry;
+    LinkLog linkLog = LinkLog::kSilent;
+    bool everConnected = false;
+
+    std::map<std::string, OwnState> states;
+    std::map<int, FetchEntry> fetches;
+    int nextFetchId = 1;
+    std::uint64_t nextGeneration = 1;
+    std::vector<ResponseCallback> configWaiting;
+    std::unordered_map<std::int64_t, Pending> pending;
+    std::int64_t nextRequestId = 1;
+    std::deque<Queued> queue;
+    std::shared_ptr<bool> alive = std::make_shared<bool>(true);
+
+    Impl(orv::sys::EventLoop& l, const std::string& a, unsigned p, const std::string& n, bool t)
+        : loop(l), address(a), port(static_cast<std::uint16_t>(p)), name(n), trace(t), retryTimer(l)
+    {
+    }
+
+    ~Impl()
+    {
+        *alive = false;
+        conn.reset();
+        closeConnecting();
+    }
+
+    std::string where() const { return address + ":" + std::to_string(port); }
+
+    // ---- connection ----
+
+    void connect()
+    {
+        bool inProgress = false;
+        int fd = socket::connectTcp(address, port, &inProgress);
+        if (fd < 0) {
+            connectFailed(fd);
+            return;
+        }
+        if (!inProgress) {
+            established(fd);
+            return;
+        }
+        connectingFd = fd;
+        int rc = loop.addFd(fd, EPOLLOUT, [this](std::uint32_t) {
+            int fdDone = connectingFd;
+            loop.removeFd(fdDone);
+            connectingFd = -1;
+            int result = socket::connectResult(fdDone);
+            if (result < 0) {
+                ::close(fdDone);
+                connectFailed(result);
+            } else {
+                established(fdDone);
+            }
+        });
+        if (rc < 0) {
+            closeConnecting();
+            connectFailed(rc);
+        }
+    }
+
+    void closeConnecting()
+    {
+        if (connectingFd >= 0) {
+            loop.removeFd(connectingFd);
+            ::close(connectingFd);
+            connectingFd = -1;
+        }
+    }
+
+    void connectFailed(int err)
+    {
+        if (linkLog == LinkLog::kSilent && !everConnected) {
+            // At boot the broker may simply not be up yet: one line, then
+            // quiet retries.
+            syslog(LOG_NOTICE, "vela: broker %s not reachable (%s); retrying", where().c_str(),
+                   std::strerror(-err));
+            linkLog = LinkLog::kUnreachable;
+        }
+        scheduleRetry();
+    }
+
+    void scheduleRetry()
+    {
+        const std::chrono::milliseconds wait = backoff;
+        backoff = std::min(backoff * 2, kMaxRetry);
+        retryTimer.set(wait, false, [this](bool fired) {
+            if (fired) {
+                connect();
+            }
+        });
+    }
+
+    void established(int fd)
+    {
+        std::shared_ptr<bool> guard = alive;
+        conn = std::make_unique<FrameConnection>(
+            loop, fd, kMaxBrokerFrameSize, [this](std::string_view payload) { onFrame(payload); },
+            [this](std::uint32_t length) {
+                syslog(LOG_WARNING, "vela: broker %s sent a frame of bad length %u; reconnecting",
+                       where().c_str(), length);
+                conn->abort(-EPROTO);
+            },
+            [this](int err) { onClosed(err); });
+        backoff = kFirstRetry;
+        if (linkLog == LinkLog::kLost) {
+            syslog(LOG_NOTICE, "vela: connection to broker %s restored", where().c_str());
+        } else if (linkLog == LinkLog::kUnreachable) {
+            syslog(LOG_NOTICE, "vela: connected to broker %s", where().c_str());
+        }
+        linkLog = LinkLog::kSilent;
+        everConnected = true;
+
+        Json::Value hello(Json::objectValue);
+        hello["protocol"] = p::kVersion;
+        if (!name.empty()) {
+            hello["name"] = name;
+        }
+        sendRequest(p::kHello, hello, Pending{Kind::kHello, {}, {}, 0, 0});
+        if (configured) {
+            Pending pc{Kind::kConfig, std::move(configWaiting), {}, 0, 0};
+            configWaiting.clear();
+            sendRequest(p::kConfig, configParams(), std::move(pc));
+        }
+        for (auto& [path, state] : states) {
+            Pending pa{Kind::kAdd, std::move(state.waiting), path, state.generation, 0};
+            state.waiting.clear();
+            sendRequest(p::kAdd, addParams(path, state), std::move(pa));
+        }
+        for (auto& [id, fetch] : fetches) {
+            // Whatever was known before the break is suspect until the
+            // broker reports it again.
+            fetch.stale.merge(fetch.known);
+            fetch.known.clear();
+            Pending pf{Kind::kFetch, std::move(fetch.waiting), {}, 0, id};
+            fetch.waiting.clear();
+            sendRequest(p::kFetch, fetchParams(id, fetch), std::move(pf));
+        }
+        while (!queue.empty() && conn) {
+            Queued q = std::move(queue.front());
+            queue.pop_front();
+            if (q.local) {
+                call(q.callback, okBody());
+                if (!*guard) {
+                    return;
+                }
+            } else {
+                sendRequest(q.method, q.params,
+                            Pending{Kind::kPlain, single(std::move(q.callback)), {}, 0, 0});
+            }
+        }
+    }
+
+    void onClosed(int err)
+    {
+        std::shared_ptr<bool> guard = alive;
+        // Destroying the connection inside its own handler is allowed.
+        std::unique_ptr<FrameConnection> gone = std::move(conn);
+        syslog(LOG_NOTICE, "vela: connection to broker %s lost (%s); reconnecting", where().c_str(),
+               err < 0 ? std::strerror(-err) : "closed by the broker");
+        linkLog = LinkLog::kLost;
+
+        // Requests the replay will repeat keep their callbacks for it; the
+        // others are lost with the connection.
+        std::vector<ResponseCallback> lost;
+        for (auto& [id, pend] : pending) {
+            std::vector<ResponseCallback>* keep = nullptr;
+            if (pend.kind == Kind::kAdd) {
+                auto s = states.find(pend.path);
+                if (s != states.end() && s->second.generation == pend.generation) {
+                    keep = &s->second.waiting;
+                }
+            } else if (pend.kind == Kind::kFetch) {
+                auto f = fetches.find(pend.fetchId);
+                if (f != fetches.end()) {
+                    keep = &f->second.waiting;
+                }
+            } else if (pend.kind == Kind::kConfig) {
+                keep = &configWaiting;
+            }
+            for (auto& cb : pend.callbacks) {
+                if (cb) {
+                    (keep ? *keep : lost).push_back(std::move(cb));
+                }
+            }
+        }
+        pending.clear();
+        scheduleRetry();
+        for (auto& cb : lost) {
+            call(cb, errorBody(p::kConnectionLost, "connection to the broker lost"));
+            if (!*guard) {
+                return;
+            }
+        }
+    }
+
+    // ---- sending ----
+
+    static std::vector<ResponseCallback> single(ResponseCallback cb)
+    {
+        std::vector<ResponseCallback> v;
+        if (cb) {
+            v.push_back(std::move(cb));
+        }
+        return v;
+    }
+
+    void sendRequest(const std::string& method, const Json::Value& params, Pending&& pend)
+    {
+        // Fire-and-forget requests go as notifications: no answer to route.
+        const bool wantsAnswer = pend.kind != Kind::kPlain || !pend.callbacks.empty();
+        Json::Value id;
+        if (wantsAnswer) {
+            id = Json::Value::Int64(nextRequestId++);
+            pending.emplace(id.asInt64(), std::move(pend));
+        }
+        sendPayload(p::request(id, method, params));
+    }
+
+    void sendPayload(const std::string& payload)
+    {
+        if (trace) {
+            std::fprintf(stderr, "vela > %s\n", payload.c_str());
+        }
+        conn->send(payload);
+    }
+
+    // Sends now, or queues for the next connection.
+    void requestOrQueue(const std::string& method, const Json::Value& params, ResponseCallback cb)
+    {
+        if (conn) {
+            sendRequest(method, params, Pending{Kind::kPlain, single(std::move(cb)), {}, 0, 0});
+        } else {
+            queue.push_back(Queued{method, params, std::move(cb), false});
+        }
+    }
+
+    void answerLocally(ResponseCallback cb)
+    {
+        if (cb) {
+            queue.push_back(Queued{{}, {}, std::move(cb), true});
+        }
+    }
+
+    Json::Value configParams() const
+    {
+        Json::Value params(Json::objectValue);
+        params["name"] = name;
+        params["debug"] = debug;
+        return params;
+    }
+
+    static Json::Value addParams(const std::string& path, const OwnState& state)
+    {
+        Json::Value params(Json::objectValue);
+        params["path"] = path;
+        params["value"] = state.value;
+        params["settable"] = static_cast<bool>(state.onSet);
+        return params;
+    }
+
+    static Json::Value fetchParams(int id, const FetchEntry& fetch)
+    {
+        Json::Value params(Json::objectValue);
+        params["id"] = id;
+        params["matcher"] = matcherToJson(fetch.matcher);
+        return params;
+    }
+
+    static Json::Value pathValue(const std::string& path, const Json::Value& value)
+    {
+        Json::Value params(Json::objectValue);
+        params["path"] = path;
+        params["value"] = value;
+        return params;
+    }
+
+    // ---- receiving ----
+
+    // Runs a user callback; an exception from it must not unwind through the
+    // event loop and take the whole program down.
+    template <typename F>
+    void guarded(const char* what, F&& f)
+    {
+        try {
+            f();
+        } catch (const std::exception& e) {
+            syslog(LOG_ERR, "vela: %s threw: %s", what, e.what());
+        } catch (...) {
+            syslog(LOG_ERR, "vela: %s threw", what);
+        }
+    }
+
+    void call(const ResponseCallback& cb, const Json::Value& body)
+    {
+        if (cb) {
+            guarded("response callback", [&] { cb(body); });
+        }
+    }
+
+    void onFrame(std::string_view payload)
+    {
+        if (trace) {
+            std::fprintf(stderr, "vela < %.*s\n", static_cast<int>(payload.size()), payload.data());
+        }
+        Json::Value json;
+        std::string reason;
+        if (!parseJson(payload, &json, &reason)) {
+            syslog(LOG_WARNING, "vela: unreadable frame from broker %s: %s", where().c_str(), reason.c_str());
+            return;
+        }
+        p::Message m = p::classify(std::move(json));
+        switch (m.kind) {
+            case p::Message::Kind::kResponse:
+                onResponse(m.id, m.body);
+                break;
+            case p::Message::Kind::kNotification:
+                if (m.method == p::kNotify) {
+                    onNotify(m.params);
+                } else if (m.method == p::kSet) {
+                    onSetRequest(Json::Value(), m.params);
+                }
+                break;
+            case p::Message::Kind::kRequest:
+                if (m.method == p::kSet) {
+                    onSetRequest(m.id, m.params);
+                } else {
+                    sendPayload(p::error(m.id, p::kMethodNotFound, "unknown method '" + m.method + "'"));
+                }
+                break;
+            case p::Message::Kind::kInvalid:
+                syslog(LOG_WARNING, "vela: invalid message from broker %s: %s", where().c_str(),
+                       m.error.c_str());
+                break;
+        }
+    }
+
+    void onResponse(const Json::Value& id, const Json::Value& body)
+    {
+        if (!id.isInt64()) {
+            if (body.isMember("error")) {
+                syslog(LOG_WARNING, "vela: broker %s: %s", where().c_str(),
+                       body["error"]["message"].asString().c_str());
+            }
+            return;
+        }
+        auto it = pending.find(id.asInt64());
+        if (it == pending.end()) {
+            return;
+        }
+        Pending pend = std::move(it->second);
+        pending.erase(it);
+        std::shared_ptr<bool> guard = alive;
+        const bool failed = body.isMember("error");
+        switch (pend.kind) {
+            case Kind::kHello:
+                if (failed) {
+                    syslog(LOG_ERR, "vela: broker %s refused this peer: %s", where().c_str(),
+                           body["error"]["message"].asString().c_str());
+                }
+                break;
+            case Kind::kAdd:
+                if (failed) {
+                    // Not ours after all (someone else owns the path): do not
+                    // replay it after a reconnection.
+                    auto s = states.find(pend.path);
+                    if (s != states.end() && s->second.generation == pend.generation) {
+                        states.erase(s);
+                    }
+                }
+                break;
+            case Kind::kFetch:
+                finishFetch(pend.fetchId);
+                if (!*guard) {
+                    return;
+                }
+                break;
+            case Kind::kConfig:
+            case Kind::kPlain:
+                break;
+        }
+        for (auto& cb : pend.callbacks) {
+            call(cb, body);
+            if (!*guard) {
+                return;
+            }
+        }
+    }
+
+    // The broker has delivered every state present when the fetch arrived.
+    void finishFetch(int fetchId)
+    {
+        auto f = fetches.find(fetchId);
+        if (f == fetches.end()) {
+            return;
+        }
+        std::set<std::string> vanished = std::move(f->second.stale);
+        f->second.stale.clear();
+        std::shared_ptr<bool> guard = alive;
+        for (const std::string& path : vanished) {
+            f = fetches.find(fetchId);
+            if (f == fetches.end()) {
+                return;
+            }
+            Json::Value n(Json::objectValue);
+            n["path"] = path;
+            n["event"] = p::kEventRemove;
+            n["value"] = Json::Value();
+            FetchCallback cb = f->second.onNotify;
+            if (cb) {
+                guarded("fetch callback", [&] { cb(n, fetchId); });
+                if (!*guard) {
+                    return;
+                }
+            }
+        }
+    }
+
+    void onNotify(const Json::Value& params)
+    {
+        const Json::Value& ids = params["fetches"];
+        const Json::Value& path = params["path"];
+        const Json::Value& event = params["event"];
+        if (!ids.isArray() || !path.isString() || !event.isString()) {
+            syslog(LOG_WARNING, "vela: malformed notification from broker %s", where().c_str());
+            return;
+        }
+        Json::Value n(Json::objectValue);
+        n["path"] = path;
+        n["event"] = event;
+        n["value"] = params["value"];
+        const std::string pathText = path.asString();
+        const std::string eventText = event.asString();
+        std::shared_ptr<bool> guard = alive;
+        for (const Json::Value& idValue : ids) {
+            if (!idValue.isInt()) {
+                continue;
+            }
+            const int id = idValue.asInt();
+            auto f = fetches.find(id);
+            if (f == fetches.end()) {
+                continue;  // removed meanwhile; the unfetch is on its way
+            }
+            if (eventText == p::kEventAdd) {
+                f->second.stale.erase(pathText);
+                f->second.known.insert(pathText);
+            } else if (eventText == p::kEventRemove) {
+                f->second.known.erase(pathText);
+            }
+            FetchCallback cb = f->second.onNotify;
+            if (cb) {
+                guarded("fetch callback", [&] { cb(n, id); });
+                if (!*guard) {
+                    return;
+                }
+            }
+        }
+    }
+
+    void onSetRequest(const Json::Value& id, const Json::Value& params)
+    {
+        const std::string path = params["path"].asString();
+        auto s = states.find(path);
+        if (s == states.end() || !s->second.onSet) {
+            if (!id.isNull()) {
+                sendPayload(p::error(id, p::kNotSettable, "state '" + path + "' accepts no set requests"));
+            }
+            return;
+        }
+        SetCallback cb = s->second.onSet;
+        std::shared_ptr<bool> guard = alive;
+        Json::Value answer;
+        std::string failure;
+        try {
+            answer = cb(params["value"], path);
+        } catch (const std::exception& e) {
+            failure = e.what();
+        } catch (...) {
+            failure = "unknown exception";
+        }
+        if (!*guard || !conn || id.isNull()) {
+            return;
+        }
+        if (!failure.empty()) {
+            syslog(LOG_ERR, "vela: set callback of '%s' threw: %s", path.c_str(), failure.c_str());
+            sendPayload(p::error(id, p::kSetFailed, "set callback failed: " + failure));
+        } else {
+            sendPayload(p::result(id, answer));
+        }
+    }
+};
+
+PeerAsync::PeerAsync(orv::sys::EventLoop& loop, const std::string& address, unsigned port,
+                     const std::string& name, bool trace)
+    : m_impl(std::make_unique<Impl>(loop, address, port, name, trace))
+{
+    if (port == 0 || port > 65535) {
+        syslog(LOG_ERR, "vela: invalid broker port %u", port);
+        return;
+    }
+    m_impl->connect();
+}
+
+PeerAsync::~PeerAsync() = default;
+
+void PeerAsync::configAsync(const std::string& name, bool debug, ResponseCallback response)
+{
+    Impl& d = *m_impl;
+    d.name = name;
+    d.debug = debug;
+    d.configured = true;
+    if (d.conn) {
+        d.sendRequest(p::kConfig, d.configParams(),
+                      Impl::Pending{Impl::Kind::kConfig, Impl::single(std::move(response)), {}, 0, 0});
+    } else if (response) {
+        d.configWaiting.push_back(std::move(response));
+    }
+}
+
+void PeerAsync::addStateAsync(const std::string& path, const Json::Value& value, ResponseCallback response,
+                              SetCallback onSet)
+{
+    Impl& d = *m_impl;
+    if (d.states.count(path)) {
+        // A second add of an own path: let the broker refuse it, as it
+        // would any other duplicate.
+        Json::Value params = Impl::pathValue(path, value);
+        params["settable"] = static_cast<bool>(onSet);
+        d.requestOrQueue(p::kAdd, params, std::move(response));
+        return;
+    }
+    Impl::OwnState& state = d.states[path];
+    state.value = value;
+    state.onSet = std::move(onSet);
+    state.generation = d.nextGeneration++;
+    if (d.conn) {
+        d.sendRequest(
+            p::kAdd, Impl::addParams(path, state),
+            Impl::Pending{Impl::Kind::kAdd, Impl::single(std::move(response)), path, state.generation, 0});
+    } else if (response) {
+        state.waiting.push_back(std::move(response));
+    }
+}
+
+void PeerAsync::removeStateAsync(const std::string& path, ResponseCallback response)
+{
+    Impl& d = *m_impl;
+    auto s = d.states.find(path);
+    if (s == d.states.end() || d.conn) {
+        if (s != d.states.end()) {
+            d.states.erase(s);
+        }
+        Json::Value params(Json::objectValue);
+        params["path"] = path;
+        d.requestOrQueue(p::kRemove, params, std::move(response));
+        return;
+    }
+    // Never reached the broker, or went with the last connection: it is
+    // gone already.
+    for (auto& cb : s->second.waiting) {
+        d.answerLocally(std::move(cb));
+    }
+    d.states.erase(s);
+    d.answerLocally(std::move(response));
+}
+
+void PeerAsync::notifyState(const std::string& path, const Json::Value& value)
+{
+    Impl& d = *m_impl;
+    auto s = d.states.find(path);
+    if (s != d.states.end()) {
+        s->second.value = value;
+    }
+    if (d.conn) {
+        d.sendRequest(p::kChange, Impl::pathValue(path, value), Impl::Pending{});
+    }
+}
+
+void PeerAsync::notifyState(const std::string& path, const std::string& value)
+{
+    notifyState(path, Json::Value(value));
+}
+
+void PeerAsync::notifyState(const std::string& path, const char* value)
+{
+    notifyState(path, value ? Json::Value(value) : Json::Value());
+}
+
+void PeerAsync::changeStateAsync(const std::string& path, const Json::Value& value, ResponseCallback response)
+{
+    Impl& d = *m_impl;
+    auto s = d.states.find(path);
+    if (s != d.states.end()) {
+        s->second.value = value;
+        if (!d.conn) {
+            // The replay of the next connection carries the new value.
+            d.answerLocally(std::move(response));
+            return;
+        }
+    }
+    d.requestOrQueue(p::kChange, Impl::pathValue(path, value), std::move(response));
+}
+
+int PeerAsync::addFetchAsync(const matcher_t& matcher, FetchCallback onNotify, ResponseCallback response)
+{
+    Impl& d = *m_impl;
+    const int id = d.nextFetchId++;
+    Impl::FetchEntry& fetch = d.fetches[id];
+    fetch.matcher = matcher;
+    fetch.onNotify = std::move(onNotify);
+    if (d.conn) {
+        d.sendRequest(p::kFetch, Impl::fetchParams(id, fetch),
+                      Impl::Pending{Impl::Kind::kFetch, Impl::single(std::move(response)), {}, 0, id});
+    } else if (response) {
+        fetch.waiting.push_back(std::move(response));
+    }
+    return id;
+}
+
+void PeerAsync::removeFetchAsync(int fetchId, ResponseCallback response)
+{
+    Impl& d = *m_impl;
+    auto f = d.fetches.find(fetchId);
+    if (f == d.fetches.end() || d.conn) {
+        if (f != d.fetches.end()) {
+            d.fetches.erase(f);
+        }
+        Json::Value params(Json::objectValue);
+        params["id"] = fetchId;
+        d.requestOrQueue(p::kUnfetch, params, std::move(response));
+        return;
+    }
+    for (auto& cb : f->second.waiting) {
+        d.answerLocally(std::move(cb));
+    }
+    d.fetches.erase(f);
+    d.answerLocally(std::move(response));
+}
+
+void PeerAsync::setAsync(const std::string& path, const Json::Value& value, ResponseCallback response)
+{
+    m_impl->requestOrQueue(p::kSet, Impl::pathValue(path, value), std::move(response));
+}
+
+bool PeerAsync::isConnected() const
+{
+    return m_impl->conn != nullptr;
+}
+
+}  // namespace vela
