@@ -1,0 +1,97 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace tsdsim {
+
+class IoThread;
+
+// A simulated FireWire bus: a set of ports (TAP devices of link type IEEE 1394,
+// each the FireWire interface of one module) whose frames are copied to every
+// other port of the bus. The destination of each copy is rewritten to
+// broadcast: the kernel maps IPv4 multicast on such a link to the device's
+// broadcast address anyway, and a broadcast destination is what makes the
+// receiving TAP accept the frame as addressed to it.
+//
+// The relay runs on the world's IoThread. The impairments (loss, duplication,
+// delay) apply to each copy separately, so that every receiver sees its own
+// pattern of faults, as on a noisy bus. A cut port neither sends nor
+// receives: that is an unplugged cable. Every setter may be called from any
+// thread.
+class Bus
+{
+public:
+    struct Stats
+    {
+        std::uint64_t framesIn = 0;    // frames read from ports
+        std::uint64_t delivered = 0;   // copies written to ports
+        std::uint64_t dropped = 0;     // copies lost to the loss rate
+        std::uint64_t duplicated = 0;  // extra copies
+        std::uint64_t cut = 0;         // frames or copies stopped at a cut port
+    };
+
+    Bus(IoThread& io, std::string name, int index);
+    ~Bus();
+    Bus(const Bus&) = delete;
+    Bus& operator=(const Bus&) = delete;
+
+    const std::string& name() const { return m_name; }
+    // Small number of the bus in its world (1, 2, ...); used in addresses.
+    int index() const { return m_index; }
+
+    // Adds a port; the bus owns fd (a non-blocking TAP fd) from now on and
+    // closes it on detach or destruction, which deletes the TAP device.
+    // label: "module.rear" style, for cut() and diagnostics. Returns the port id.
+    int attach(int fd, const std::string& label);
+    void detach(int portId);
+
+    // Loss and duplication rates are probabilities 0..1 per copy; delay is
+    // added to each copy (ms).
+    void setLoss(double rate);
+    void setDuplicate(double rate);
+    void setDelay(std::chrono::milliseconds delay);
+    double loss() const;
+    double duplicate() const;
+    std::chrono::milliseconds delay() const;
+
+    void setCut(int portId, bool cut);
+    bool isCut(int portId) const;
+
+    Stats stats() const;
+
+private:
+    struct Port
+    {
+        int id;
+        int fd;
+        std::string label;
+        bool cut = false;
+    };
+
+    void onReadable(int portId);
+    void deliver(int portId, const std::vector<unsigned char>& frame);
+
+    IoThread& m_io;
+    std::string m_name;
+    int m_index;
+    mutable std::mutex m_mutex;  // guards everything below
+    std::vector<Port> m_ports;
+    int m_nextPortId = 1;
+    double m_loss = 0.0;
+    double m_duplicate = 0.0;
+    std::chrono::milliseconds m_delay{0};
+    Stats m_stats;
+    std::mt19937 m_random;
+    // Delayed copies hold this token; once the bus is gone it is null and
+    // they are discarded instead of touching a destroyed bus.
+    std::shared_ptr<Bus*> m_alive;
+};
+
+}  // namespace tsdsim

@@ -1,0 +1,251 @@
+#include "tsdsim/World.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+#include <thread>
+
+namespace tsdsim {
+
+namespace {
+
+std::atomic<bool> g_stopRequested{false};
+std::atomic<int> g_worldCounter{0};
+
+void onStopSignal(int)
+{
+    g_stopRequested = true;
+}
+
+std::string ownDirectory()
+{
+    char buf[4096];
+    ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
+    if (n <= 0) {
+        return ".";
+    }
+    std::string path(buf, static_cast<std::size_t>(n));
+    return path.substr(0, path.rfind('/'));
+}
+
+}  // namespace
+
+World::World() : World(Options{}) {}
+
+World::World(const Options& options) : m_options(options), m_start(std::chrono::steady_clock::now())
+{
+    // A publisher that died leaves a pipe without reader; writing to it must
+    // fail with EPIPE, not end the simulator.
+    ::signal(SIGPIPE, SIG_IGN);
+    m_prefix = "tsdsim-" + std::to_string(::getpid()) + "-" + std::to_string(g_worldCounter++);
+    std::string base = options.baseDir.empty() ? "/tmp" : options.baseDir;
+    m_dir = base + "/" + m_prefix;
+    std::error_code ec;
+    std::filesystem::remove_all(m_dir, ec);
+    if (!std::filesystem::create_directories(m_dir, ec)) {
+        throw std::runtime_error("tsdsim: cannot create " + m_dir + ": " + ec.message());
+    }
+    m_binDir = options.binDir;
+    if (m_binDir.empty()) {
+        const char* env = std::getenv("TSDSIM_BIN_DIR");
+        m_binDir = env && *env ? env : ownDirectory();
+    }
+    m_io = std::make_unique<IoThread>();
+}
+
+World::~World()
+{
+    stopAll();
+    m_modules.clear();
+    m_buses.clear();
+    m_io.reset();
+    std::error_code ec;
+    std::filesystem::remove_all(m_dir, ec);
+}
+
+double World::now() const
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - m_start).count();
+}
+
+Bus& World::addBus(const std::string& name)
+{
+    if (findBus(name)) {
+        throw std::runtime_error("tsdsim: bus " + name + " exists already");
+    }
+    // Bus numbers go into 169.254.<bus>.<module>: keep them in a byte.
+    if (m_buses.size() >= 250) {
+        throw std::runtime_error("tsdsim: too many buses");
+    }
+    m_buses.push_back(std::make_unique<Bus>(*m_io, name, static_cast<int>(m_buses.size()) + 1));
+    return *m_buses.back();
+}
+
+Bus* World::findBus(const std::string& name)
+{
+    for (auto& b : m_buses) {
+        if (b->name() == name) {
+            return b.get();
+        }
+    }
+    return nullptr;
+}
+
+Module& World::addModule(const ModuleSpec& spec)
+{
+    if (spec.name.empty() || spec.name.find('/') != std::string::npos || findModule(spec.name)) {
+        throw std::runtime_error("tsdsim: bad or duplicate module name '" + spec.name + "'");
+    }
+    if (m_modules.size() >= 250) {
+        throw std::runtime_error("tsdsim: too many modules");
+    }
+    m_modules.push_back(std::make_unique<Module>(*this, spec, static_cast<int>(m_modules.size()) + 1));
+    return *m_modules.back();
+}
+
+Module* World::findModule(const std::string& name)
+{
+    for (auto& m : m_modules) {
+        if (m->name() == name) {
+            return m.get();
+        }
+    }
+    return nullptr;
+}
+
+void World::plug(Module& module, Side side, Bus& bus)
+{
+    module.addInterface(side, bus);
+    updateReachable();
+}
+
+void World::setCut(Module& module, Side side, bool cut)
+{
+    if (Bus* bus = module.bus(side)) {
+        bus->setCut(module.portId(side), cut);
+        updateReachable();
+    }
+}
+
+bool World::isCut(const Module& module, Side side) const
+{
+    Bus* bus = module.bus(side);
+    return !bus || bus->isCut(module.portId(side));
+}
+
+void World::unplug(Module& module)
+{
+    for (Side s : {Side::Rear, Side::Front}) {
+        if (Bus* bus = module.bus(s)) {
+            bus->setCut(module.portId(s), true);
+        }
+    }
+    updateReachable();
+}
+
+void World::replug(Module& module)
+{
+    for (Side s : {Side::Rear, Side::Front}) {
+        if (Bus* bus = module.bus(s)) {
+            bus->setCut(module.portId(s), false);
+        }
+    }
+    updateReachable();
+}
+
+std::set<std::string> World::reachableFor(const Module& module) const
+{
+    std::set<std::string> paths;
+    for (Side side : {Side::Rear, Side::Front}) {
+        Bus* bus = module.bus(side);
+        if (!bus || isCut(module, side)) {
+            continue;
+        }
+        for (const auto& other : m_modules) {
+            for (Side os : {Side::Rear, Side::Front}) {
+                if (other.get() == &module || other->bus(os) != bus || isCut(*other, os)) {
+                    continue;
+                }
+                paths.insert(std::string("reachableDevices/") + interfaceName(side) + "/" +
+                             nodeIdText(other->spec().nodeId(os)));
+            }
+        }
+    }
+    return paths;
+}
+
+void World::updateReachable()
+{
+    for (auto& m : m_modules) {
+        m->setReachable(reachableFor(*m));
+    }
+}
+
+bool World::startAll(const std::vector<std::string>& tsdArgs)
+{
+    for (auto& m : m_modules) {
+        if (!m->start(tsdArgs)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void World::stopAll()
+{
+    // SIGTERM to every daemon first, so that they wind down in parallel.
+    for (auto& m : m_modules) {
+        if (m->tsdRunning()) {
+            ::kill(m->tsdPid(), SIGTERM);
+        }
+    }
+    for (auto it = m_modules.rbegin(); it != m_modules.rend(); ++it) {
+        (*it)->stop();
+    }
+}
+
+void World::maintain()
+{
+    for (auto& m : m_modules) {
+        m->maintain();
+    }
+}
+
+bool World::waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
+{
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (condition()) {
+            return true;
+        }
+        if (std::chrono::steady_clock::now() >= deadline || g_stopRequested) {
+            return false;
+        }
+        maintain();
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+}
+
+void World::installStopSignals()
+{
+    struct sigaction sa
+    {
+    };
+    sa.sa_handler = onStopSignal;
+    sigemptyset(&sa.sa_mask);
+    ::sigaction(SIGINT, &sa, nullptr);
+    ::sigaction(SIGTERM, &sa, nullptr);
+    ::sigaction(SIGHUP, &sa, nullptr);
+}
+
+bool World::stopRequested()
+{
+    return g_stopRequested;
+}
+
+}  // namespace tsdsim

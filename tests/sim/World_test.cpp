@@ -1,0 +1,289 @@
+// The simulated world on its own, without the daemon: namespaces, identity
+// files, the relay between TAP devices of link type 24, its impairments, the
+// reachable-device computation and the clean-up.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "SimTestUtil.h"
+#include "tsdsim/World.h"
+
+using namespace std::chrono_literals;
+using tsdsim::Module;
+using tsdsim::ModuleSpec;
+using tsdsim::Side;
+using tsdsim::World;
+
+namespace {
+
+const std::string kGroup = "239.255.77.9";
+constexpr unsigned kPort = 14500;
+
+ModuleSpec spec(const std::string& name, std::uint32_t uuid)
+{
+    ModuleSpec s;
+    s.name = name;
+    s.uuid = uuid;
+    return s;
+}
+
+std::string inside(const Module& m, const std::vector<std::string>& argv)
+{
+    std::string out;
+    int st = m.run(argv, &out);
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << argv.back() << " status " << st;
+    return out;
+}
+
+ino_t nsInode(const std::string& path)
+{
+    struct stat st
+    {
+    };
+    return ::stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+}  // namespace
+
+TEST(World, IdentityFilesReadBackInsideTheModule)
+{
+    World world;
+    tsdsim::Bus& bus = world.addBus("b");
+    ModuleSpec s = spec("a", 0xabcdef);
+    s.type = "KP40";
+    Module& m = world.addModule(s);
+    world.plug(m, Side::Rear, bus);
+    world.plug(m, Side::Front, bus);
+
+    EXPECT_EQ(inside(m, {"/bin/cat", "/proc/device-tree/stratova/moduletype"}), std::string("KP40\0", 5));
+    EXPECT_EQ(inside(m, {"/bin/cat", "/sys/class/net/firewire0/type"}), "24\n");
+    EXPECT_EQ(inside(m, {"/bin/cat", "/sys/class/net/firewire0/address"}), "00:00:0a:7c:31:ab:cd:ef\n");
+    EXPECT_EQ(inside(m, {"/bin/cat", "/sys/class/net/firewire1/address"}), "00:00:0a:7c:31:2b:cd:ef\n");
+    EXPECT_EQ(inside(m, {"/bin/cat", "/sys/class/net/firewire1/type"}), "24\n");
+    // The module sees its own interfaces only, and the rest of /proc works.
+    std::string links = inside(m, {"/bin/ls", "/sys/class/net"});
+    EXPECT_EQ(links, "firewire0\nfirewire1\nlo\n");
+    EXPECT_NE(inside(m, {"/bin/cat", "/proc/self/status"}).find("Pid:"), std::string::npos);
+    EXPECT_NE(inside(m, {"/bin/cat", "/proc/net/dev"}).find("firewire0"), std::string::npos);
+    std::string addr = inside(m, {"/bin/cat", "/proc/net/fib_trie"});
+    EXPECT_NE(addr.find(m.address(Side::Rear)), std::string::npos);
+
+    std::string config = inside(m, {"/bin/cat", "/etc/TimeSourceDaemonConfig.xml"});
+    EXPECT_NE(config.find("<Address>239.255.77.1</Address>"), std::string::npos);
+    EXPECT_NE(config.find("<KP>20</KP>"), std::string::npos);
+    // The host keeps its own /etc and /run.
+    EXPECT_FALSE(std::filesystem::exists("/etc/TimeSourceDaemonConfig.xml") &&
+                 std::filesystem::exists("/etc/TimeSourceDaemonConfig.xml.tsdsim-marker"));
+    inside(m, {"/bin/sh", "-c", "mkdir -p /var/run/timesync && echo hello > /var/run/timesync/probe"});
+    EXPECT_EQ(m.runFile("timesync/probe"), "hello\n");
+    EXPECT_FALSE(std::filesystem::exists("/run/timesync/probe"));
+}
+
+TEST(World, RecorderScriptsLogCallsAndReturnTheConfiguredStatus)
+{
+    World world;
+    Module& m = world.addModule(spec("a", 0x000101));
+    inside(m, {"/bin/sh", "-c", "/bin/ptp4ladm.sh start"});
+    m.setScriptStatus("stop_ntpd.sh", 3);
+    std::string out;
+    int st = m.run({"/bin/sh", "-c", "/bin/stop_ntpd.sh"}, &out);
+    ASSERT_TRUE(WIFEXITED(st));
+    EXPECT_EQ(WEXITSTATUS(st), 3);
+    auto calls = m.scriptCalls();
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[0].script, "ptp4ladm.sh");
+    EXPECT_EQ(calls[0].args, "start");
+    EXPECT_EQ(calls[1].script, "stop_ntpd.sh");
+    EXPECT_GE(calls[0].time, -1.0);
+    EXPECT_LE(calls[1].time, world.now() + 1.0);
+}
+
+TEST(World, SyslogOfTheModuleIsCapturedWithPriority)
+{
+    World world;
+    Module& m = world.addModule(spec("a", 0x000101));
+    inside(m, {"/usr/bin/logger", "--rfc3164", "-t", "probe", "-p", "user.warning", "hello from inside"});
+    ASSERT_TRUE(world.waitFor([&] { return !m.syslog().empty(); }, 5s));
+    auto lines = m.syslog();
+    EXPECT_EQ(lines[0].priority, LOG_WARNING);
+    EXPECT_EQ(lines[0].ident, "probe");
+    EXPECT_EQ(lines[0].text, "hello from inside");
+}
+
+TEST(World, MulticastFromOneModuleReachesTheOtherOverTheBus)
+{
+    World world;
+    tsdsim::Bus& bus = world.addBus("b");
+    tsdsim::Bus& other = world.addBus("other");
+    Module& a = world.addModule(spec("a", 0x000101));
+    Module& b = world.addModule(spec("b", 0x000102));
+    Module& c = world.addModule(spec("c", 0x000103));
+    world.plug(a, Side::Rear, bus);
+    world.plug(b, Side::Rear, bus);
+    world.plug(c, Side::Rear, other);
+
+    simtest::McastSocket sa(a, kGroup, kPort, Side::Rear);
+    simtest::McastSocket sb(b, kGroup, kPort, Side::Rear);
+    simtest::McastSocket sc(c, kGroup, kPort, Side::Rear);
+    ASSERT_TRUE(sa.ok() && sb.ok() && sc.ok());
+    ASSERT_TRUE(sa.send("<sync>:start:<sync>"));
+    EXPECT_EQ(sb.receive(3000ms), "<sync>:start:<sync>");
+    ASSERT_TRUE(sb.send("<sync>:item:102:a:2:a:<sync>"));
+    EXPECT_EQ(sa.receive(3000ms), "<sync>:item:102:a:2:a:<sync>");
+    // A module on another bus hears nothing.
+    EXPECT_EQ(sc.receive(300ms), "");
+    EXPECT_GE(bus.stats().delivered, 2u);
+}
+
+TEST(World, CutCableStopsFramesBothWaysAndPlugRestoresThem)
+{
+    World world;
+    tsdsim::Bus& bus = world.addBus("b");
+    Module& a = world.addModule(spec("a", 0x000101));
+    Module& b = world.addModule(spec("b", 0x000102));
+    world.plug(a, Side::Rear, bus);
+    world.plug(b, Side::Rear, bus);
+    simtest::McastSocket sa(a, kGroup, kPort, Side::Rear);
+    simtest::McastSocket sb(b, kGroup, kPort, Side::Rear);
+    ASSERT_TRUE(sa.ok() && sb.ok());
+    ASSERT_TRUE(sa.send("one"));
+    ASSERT_EQ(sb.receive(3000ms), "one");
+
+    world.setCut(a, Side::Rear, true);
+    EXPECT_TRUE(world.isCut(a, Side::Rear));
+    sa.send("lost");
+    sb.send("lost too");
+    EXPECT_EQ(sb.receive(300ms), "");
+    EXPECT_EQ(sa.receive(300ms), "");
+    EXPECT_GE(bus.stats().cut, 2u);
+
+    world.setCut(a, Side::Rear, false);
+    sa.send("two");
+    EXPECT_EQ(sb.receive(3000ms), "two");
+}
+
+TEST(World, LossDropsAShareOfFramesAndDuplicationDoublesThem)
+{
+    World world;
+    tsdsim::Bus& bus = world.addBus("b");
+    Module& a = world.addModule(spec("a", 0x000101));
+    Module& b = world.addModule(spec("b", 0x000102));
+    world.plug(a, Side::Rear, bus);
+    world.plug(b, Side::Rear, bus);
+    simtest::McastSocket sa(a, kGroup, kPort, Side::Rear);
+    simtest::McastSocket sb(b, kGroup, kPort, Side::Rear);
+    ASSERT_TRUE(sa.ok() && sb.ok());
+
+    bus.setLoss(1.0);
+    for (int i = 0; i < 20; ++i) {
+        sa.send("x");
+    }
+    EXPECT_EQ(sb.drain(300ms), 0);
+
+    bus.setLoss(0.5);
+    constexpr int kSent = 200;
+    for (int i = 0; i < kSent; ++i) {
+        sa.send("y");
+        std::this_thread::sleep_for(1ms);
+    }
+    int got = sb.drain(1000ms);
+    EXPECT_GT(got, kSent / 5);
+    EXPECT_LT(got, kSent * 4 / 5);
+
+    bus.setLoss(0.0);
+    bus.setDuplicate(1.0);
+    for (int i = 0; i < 10; ++i) {
+        sa.send("z");
+        std::this_thread::sleep_for(2ms);
+    }
+    EXPECT_EQ(sb.drain(1000ms), 20);
+}
+
+TEST(World, DelayHoldsEveryFrameBack)
+{
+    World world;
+    tsdsim::Bus& bus = world.addBus("b");
+    Module& a = world.addModule(spec("a", 0x000101));
+    Module& b = world.addModule(spec("b", 0x000102));
+    world.plug(a, Side::Rear, bus);
+    world.plug(b, Side::Rear, bus);
+    simtest::McastSocket sa(a, kGroup, kPort, Side::Rear);
+    simtest::McastSocket sb(b, kGroup, kPort, Side::Rear);
+    ASSERT_TRUE(sa.ok() && sb.ok());
+    bus.setDelay(400ms);
+    auto t0 = std::chrono::steady_clock::now();
+    sa.send("late");
+    EXPECT_EQ(sb.receive(5000ms), "late");
+    EXPECT_GE(std::chrono::steady_clock::now() - t0, 350ms);
+}
+
+TEST(World, ReachableDevicesFollowTheCabling)
+{
+    World world;
+    tsdsim::Bus& chain = world.addBus("chain");
+    tsdsim::Bus& side = world.addBus("side");
+    Module& a = world.addModule(spec("a", 0x000101));
+    Module& b = world.addModule(spec("b", 0x000102));
+    Module& c = world.addModule(spec("c", 0x000103));
+    world.plug(a, Side::Rear, chain);
+    world.plug(b, Side::Rear, chain);
+    world.plug(b, Side::Front, side);
+    world.plug(c, Side::Rear, side);
+
+    EXPECT_EQ(world.reachableFor(a), (std::set<std::string>{"reachableDevices/firewire0/0A7C31000102"}));
+    EXPECT_EQ(world.reachableFor(b), (std::set<std::string>{"reachableDevices/firewire0/0A7C31000101",
+                                                            "reachableDevices/firewire1/0A7C31000103"}));
+    // c sees b's front node, whose low bits differ from b's uuid.
+    EXPECT_EQ(world.reachableFor(c), (std::set<std::string>{"reachableDevices/firewire0/0A7C31800102"}));
+
+    world.unplug(b);
+    EXPECT_TRUE(world.reachableFor(a).empty());
+    EXPECT_TRUE(world.reachableFor(b).empty());
+    EXPECT_TRUE(world.reachableFor(c).empty());
+    world.replug(b);
+    EXPECT_EQ(world.reachableFor(a).size(), 1u);
+    EXPECT_EQ(a.reachable(), world.reachableFor(a));
+}
+
+TEST(World, CleanupLeavesNoProcessNamespaceOrDirectory)
+{
+    pid_t holder = -1;
+    ino_t netns = 0;
+    std::string dir;
+    pid_t child = -1;
+    {
+        World world;
+        tsdsim::Bus& bus = world.addBus("b");
+        Module& a = world.addModule(spec("a", 0x000101));
+        world.plug(a, Side::Rear, bus);
+        holder = a.holderPid();
+        dir = world.dir();
+        netns = nsInode("/proc/" + std::to_string(holder) + "/ns/net");
+        ASSERT_NE(netns, 0u);
+        ASSERT_TRUE(std::filesystem::exists(dir));
+        // A long-running process inside the module, left for the world to end.
+        tsdsim::ChildProcess::Options o;
+        o.argv = {"/bin/sleep", "600"};
+        o.netnsFd = a.netnsFd();
+        o.mntnsFd = a.mntnsFd();
+        tsdsim::ChildProcess sleeper;
+        ASSERT_TRUE(sleeper.start(o));
+        child = sleeper.pid();
+    }
+    EXPECT_NE(::kill(holder, 0), 0);
+    EXPECT_NE(::kill(child, 0), 0);
+    EXPECT_FALSE(std::filesystem::exists(dir));
+    // No process of the machine is still in the module's network namespace.
+    for (const auto& e : std::filesystem::directory_iterator("/proc")) {
+        std::string n = e.path().filename();
+        if (n.find_first_not_of("0123456789") != std::string::npos) {
+            continue;
+        }
+        EXPECT_NE(nsInode(e.path().string() + "/ns/net"), netns) << "process " << n;
+    }
+}
