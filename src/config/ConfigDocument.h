@@ -1,0 +1,32 @@
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace pugi {
+class xml_document;
+}
+
+namespace orv::tsd {
+
+// What the daemon takes from a loaded configuration document, still as text
+// and in document order, so that the reader can log each value as it stands
+// before converting it. Pure: no files, no logging.
+struct ConfigDocument
+{
+    std::string rootName;  // name of the document's first child
+    std::string multicastAddress;
+    std::string multicastPort;  // decimal text
+    // (name, level text) of every element under PrioLevel/ModuleType, then
+    // under PrioLevel/TimeSource.
+    std::vector<std::pair<std::string, std::string>> prioLevels;
+
+    static ConfigDocument read(const pugi::xml_document& document);
+
+    // strtoul base 10: leading digits count, text without any gives 0, and a
+    // value beyond 32 bits is cut to 32 bits.
+    static unsigned toNumber(const std::string& text);
+};
+
+}  // namespace orv::tsd

@@ -1,0 +1,6 @@
+#include "main/Daemon.h"
+
+int main(int argc, char** argv)
+{
+    return orv::tsd::tsdMain(argc, argv);
+}
