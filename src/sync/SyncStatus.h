@@ -11,8 +11,10 @@ enum enSyncStatus
     SYNC_MASTER = 3,   // this module is the side's master
 };
 
-// Phase of the election driver, logged as its number.
-enum enTsdPhase
+// Phase of the election driver, logged as its number. A plain 32-bit signed
+// value: the driver compares it signed ("0 or less") and ignores any value
+// it does not know.
+enum enTsdPhase : int
 {
     INITIALIZED_PHASE = 0,   // election (re)started on the rear side; waiting for the rear result
     PROPAGATION_PHASE = 1,   // gateway only: the two sides exchange propagated master values

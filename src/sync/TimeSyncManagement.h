@@ -35,7 +35,12 @@ namespace orv::tsd {
 class TimeSyncManagement
 {
 public:
+    // Quiet time after the last reachable-device change before the election
+    // restarts, so that a chain powering up restarts it once.
     static constexpr int kReachableDelayMs = 3000;
+    static constexpr const char* kAppStatePath = "sync/app";
+    static constexpr const char* kMasterStatePath = "sync/master";
+    static constexpr const char* kReachablePrefix = "reachableDevices/firewire";
 
     TimeSyncManagement(orv::communication::MulticastServer& rear, orv::communication::MulticastServer& front,
                        orv::sys::EventLoop& loop, vela::PeerAsync& peer);
