@@ -188,6 +188,39 @@ private:
     int m_fd = -1;
 };
 
+// Output of a shell command (in the calling thread's namespaces).
+inline std::string capture(const std::string& command)
+{
+    std::string out;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (pipe == nullptr) {
+        return out;
+    }
+    char chunk[512];
+    size_t n = 0;
+    while ((n = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) {
+        out.append(chunk, n);
+    }
+    ::pclose(pipe);
+    return out;
+}
+
+// Waits until an interface carries traffic: carrier on and a real queueing
+// discipline attached (until then the kernel drops what is sent). ipOptions
+// selects the namespace, e.g. "-n peer".
+inline bool waitLinkReady(const std::string& device, const std::string& ipOptions = "")
+{
+    for (int i = 0; i < 500; ++i) {
+        const std::string state = capture("ip " + ipOptions + " link show dev " + device + " 2>/dev/null");
+        if (state.find("LOWER_UP") != std::string::npos && state.find("qdisc noop") == std::string::npos) {
+            return true;
+        }
+        ::usleep(10 * 1000);
+    }
+    ADD_FAILURE() << device << " did not come up";
+    return false;
+}
+
 // Puts a regular file with content over target (a sysfs attribute, say),
 // visible only in the sandbox's mount namespace.
 inline bool overlayFile(const std::string& target, const std::string& content)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -21,7 +22,10 @@ class MulticastServer
 {
 public:
     // Called on the loop's thread when a datagram is waiting; it is expected
-    // to call receiveTelegram(). The result is for the caller's own use.
+    // to call receiveTelegram(). The result is for the caller's own use. A
+    // callback that reads nothing makes the server drop that datagram, so an
+    // unread datagram cannot keep the loop spinning. The callback may stop()
+    // the server but must not destroy it.
     using ReceiveCallback = std::function<int(MulticastServer&)>;
 
     MulticastServer(NetadapterList& adapters, orv::sys::EventLoop& loop);
@@ -37,6 +41,7 @@ public:
     bool isStarted() const { return m_fd >= 0; }
 
     // Whether this host's own sends come back to its sockets (IP_MULTICAST_LOOP).
+    // Before start() the choice is kept and applied when the socket opens.
     int setMulticastLoop(bool enable);
 
     // Joins the group on the interface that has this IPv4 address, or on the
@@ -72,6 +77,15 @@ private:
     std::string m_group;
     unsigned m_port = 0;
     ReceiveCallback m_callback;
+    bool m_multicastLoop = true;
+    int m_sentTtl = -1;                // IP_MULTICAST_TTL now set on the socket
+    std::uint64_t m_receiveCalls = 0;  // lets onReadable() see whether the callback read
+
+    void onReadable();
+    // Index of the interface that has this IPv4 address: the shared list first,
+    // then the kernel. 0 or a negative errno.
+    int findInterfaceByAddress(const std::string& interfaceAddress, unsigned& index) const;
+    int send(unsigned interfaceIndex, std::uint32_t sourceAddress, const std::string& telegram, unsigned ttl);
 };
 
 }  // namespace orv::communication
