@@ -443,10 +443,15 @@ bool Module::start(const std::vector<std::string>& tsdArgs)
     if (!startVelad()) {
         return false;
     }
-    if (!startPublisher() || !startWatcher()) {
+    if (!startBusClients()) {
         return false;
     }
     return startTsd(tsdArgs);
+}
+
+bool Module::startBusClients()
+{
+    return startPublisher() && startWatcher();
 }
 
 void Module::stop()

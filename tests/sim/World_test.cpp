@@ -287,3 +287,45 @@ TEST(World, CleanupLeavesNoProcessNamespaceOrDirectory)
         EXPECT_NE(nsInode(e.path().string() + "/ns/net"), netns) << "process " << n;
     }
 }
+
+TEST(World, PublisherAndWatcherWorkOnTheModuleBusAndSurviveABrokerRestart)
+{
+    World world;
+    tsdsim::Bus& bus = world.addBus("b");
+    Module& a = world.addModule(spec("a", 0x000101));
+    Module& b = world.addModule(spec("b", 0x000102));
+    world.plug(a, Side::Rear, bus);
+    world.plug(b, Side::Rear, bus);
+    ASSERT_TRUE(a.startVelad());
+    ASSERT_TRUE(a.startBusClients());
+    a.setParam(a.param());
+    ASSERT_TRUE(a.waitPublished(5000ms)) << a.lastPublishError();
+
+    std::string out;
+    ASSERT_EQ(a.run({world.binDir() + "/vela", "list", "reachableDevices/"}, &out), 0);
+    EXPECT_EQ(out, "reachableDevices/firewire0/0A7C31000102\t{}\n");
+    // The watcher sees "sync/" states, the parameters among them.
+    ASSERT_TRUE(world.waitFor([&] { return a.state("sync/param")["timesource"] == "Ptp"; }, 5000ms));
+
+    // Cabling changes are republished.
+    world.setCut(b, Side::Rear, true);
+    ASSERT_TRUE(a.waitPublished(5000ms));
+    out.clear();
+    ASSERT_EQ(a.run({world.binDir() + "/vela", "list", "reachableDevices/"}, &out), 0);
+    EXPECT_EQ(out, "");
+
+    // A crashed broker comes back; the publisher's states come back with it.
+    a.stopVelad(SIGKILL);
+    EXPECT_TRUE(a.state("sync/param").isNull());
+    ASSERT_TRUE(a.startVelad());
+    tsdsim::SyncParam p = a.param();
+    p.timesource = "Ntp";
+    ASSERT_TRUE(world.waitFor(
+        [&] {
+            a.setParam(p);
+            return a.waitPublished(500ms) && a.state("sync/param")["timesource"] == "Ntp";
+        },
+        15000ms));
+    // The other module's bus is its own: nothing arrived there.
+    EXPECT_TRUE(b.state("sync/param").isNull());
+}

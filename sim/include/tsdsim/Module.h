@@ -93,6 +93,9 @@ public:
     bool start(const std::vector<std::string>& tsdArgs = {});
     void stop();
     bool startVelad();
+    // The publisher (`vela own`, which then publishes the module's
+    // reachable devices and "sync/param") and the watcher (`vela watch sync/`).
+    bool startBusClients();
     // Ends velad with sig (SIGKILL simulates a crash) and waits for it.
     void stopVelad(int sig = SIGTERM);
     bool veladRunning();

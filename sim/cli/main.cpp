@@ -1,0 +1,193 @@
+// tsdsim: runs a simulated chain of modules (real velad and tsd processes in
+// namespaces of their own, over relayed FireWire buses), shows what the chain
+// does and prints a summary at the end.
+#include <getopt.h>
+#include <json/writer.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <string>
+
+#include "tsdsim/Chain.h"
+#include "tsdsim/Scenario.h"
+
+namespace {
+
+constexpr int kExitSetupFailed = 2;
+constexpr int kExitInterrupted = 130;
+constexpr int kMaxModules = 64;
+
+void usage(std::ostream& out)
+{
+    out << "usage: tsdsim [--modules N] [--for SECONDS] [--json] [--bin DIR] [CHAIN-FILE]\n"
+           "  --modules N    N modules on one bus (default 4) when no chain file is given\n"
+           "  --for SECONDS  run time (default 15, or the chain file's duration)\n"
+           "  --json         print the end summary as JSON on stdout (live view goes to stderr)\n"
+           "  --bin DIR      where velad, vela and tsd are (default: beside tsdsim)\n"
+           "  --check        only read and check the chain file\n"
+           "Needs root: every module gets network and mount namespaces of its own.\n";
+}
+
+bool executable(const std::string& path)
+{
+    return ::access(path.c_str(), X_OK) == 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    int modules = 4;
+    double duration = -1;
+    bool json = false;
+    bool checkOnly = false;
+    std::string binDir;
+    static const option longOptions[] = {{"modules", required_argument, nullptr, 'n'},
+                                         {"for", required_argument, nullptr, 'f'},
+                                         {"json", no_argument, nullptr, 'j'},
+                                         {"bin", required_argument, nullptr, 'b'},
+                                         {"check", no_argument, nullptr, 'c'},
+                                         {"help", no_argument, nullptr, 'h'},
+                                         {nullptr, 0, nullptr, 0}};
+    int opt;
+    while ((opt = ::getopt_long(argc, argv, "n:f:jb:ch", longOptions, nullptr)) != -1) {
+        char* end = nullptr;
+        switch (opt) {
+            case 'n':
+                modules = static_cast<int>(std::strtol(optarg, &end, 10));
+                if (*end != '\0' || modules < 1 || modules > kMaxModules) {
+                    std::cerr << "tsdsim: --modules takes a number from 1 to " << kMaxModules << "\n";
+                    return kExitSetupFailed;
+                }
+                break;
+            case 'f':
+                duration = std::strtod(optarg, &end);
+                if (*end != '\0' || !(duration > 0) || duration > 86400) {
+                    std::cerr << "tsdsim: --for takes a number of seconds (0 < s <= 86400)\n";
+                    return kExitSetupFailed;
+                }
+                break;
+            case 'j':
+                json = true;
+                break;
+            case 'b':
+                binDir = optarg;
+                break;
+            case 'c':
+                checkOnly = true;
+                break;
+            case 'h':
+                usage(std::cout);
+                return 0;
+            default:
+                usage(std::cerr);
+                return kExitSetupFailed;
+        }
+    }
+    if (argc - optind > 1) {
+        usage(std::cerr);
+        return kExitSetupFailed;
+    }
+
+    tsdsim::Chain chain;
+    try {
+        if (optind < argc) {
+            chain = tsdsim::loadChain(argv[optind]);
+            if (duration > 0) {
+                chain.duration = duration;
+            }
+        } else {
+            chain = tsdsim::defaultChain(modules, duration > 0 ? duration : 15);
+        }
+    } catch (const tsdsim::ChainError& e) {
+        std::cerr << "tsdsim: " << (optind < argc ? std::string(argv[optind]) + ": " : "") << e.what()
+                  << "\n";
+        return kExitSetupFailed;
+    }
+    if (checkOnly) {
+        std::cout << "chain ok: " << chain.modules.size() << " module(s), " << chain.buses.size()
+                  << " bus(es), " << chain.events.size() << " event(s), " << chain.duration << " s\n";
+        return 0;
+    }
+    if (::geteuid() != 0) {
+        std::cerr << "tsdsim: needs root (it builds network and mount namespaces and TAP devices)\n";
+        return kExitSetupFailed;
+    }
+
+    tsdsim::World::Options options;
+    options.binDir = binDir;
+    tsdsim::World::installStopSignals();
+    std::ostream& live = json ? std::cerr : std::cout;
+    bool tty = ::isatty(json ? 2 : 1) != 0;
+
+    int rc = 0;
+    {
+        tsdsim::Scenario scenario(chain, options);
+        try {
+            scenario.build();
+            for (const char* prog : {"velad", "vela", "tsd"}) {
+                std::string path = scenario.world().binDir() + "/" + prog;
+                if (!executable(path)) {
+                    throw std::runtime_error("missing program " + path + " (build it, or give --bin DIR)");
+                }
+            }
+        } catch (const std::exception& e) {
+            std::cerr << "tsdsim: " << e.what() << "\n";
+            return kExitSetupFailed;
+        }
+        std::vector<std::string> recent;
+        double lastPlain = -10;
+        auto onEvent = [&](const std::string& what) {
+            char buf[32];
+            std::snprintf(buf, sizeof buf, "%6.1f s  ", scenario.now());
+            recent.push_back(buf + what);
+            if (recent.size() > 6) {
+                recent.erase(recent.begin());
+            }
+            if (!tty) {
+                live << buf << what << "\n" << std::flush;
+            }
+        };
+        auto onTick = [&] {
+            if (tty) {
+                std::string screen = "\033[H\033[2J";
+                char head[160];
+                std::snprintf(head, sizeof head, "tsdsim  %zu modules  %.1f / %.0f s   (Ctrl-C stops)\n\n",
+                              chain.modules.size(), scenario.now(), chain.duration);
+                screen += head + scenario.table() + "\nRecent events:\n";
+                for (const auto& r : recent) {
+                    screen += "  " + r + "\n";
+                }
+                live << screen << std::flush;
+            } else if (scenario.now() - lastPlain >= 5.0) {
+                lastPlain = scenario.now();
+                char head[64];
+                std::snprintf(head, sizeof head, "--- %.1f s\n", scenario.now());
+                live << head << scenario.table() << std::flush;
+            }
+        };
+        bool ok = scenario.run(onTick, std::chrono::milliseconds(tty ? 500 : 1000), onEvent);
+        if (!ok) {
+            std::cerr << "tsdsim: a module did not start; see the files under " << scenario.world().dir()
+                      << " while it runs\n";
+            rc = kExitSetupFailed;
+        }
+        scenario.finish();
+        if (tty) {
+            live << "\033[H\033[2J" << scenario.table() << "\n" << std::flush;
+        }
+        if (json) {
+            Json::StreamWriterBuilder b;
+            b["indentation"] = "  ";
+            std::cout << Json::writeString(b, scenario.summary()) << "\n";
+        } else {
+            std::cout << scenario.summaryText() << std::flush;
+        }
+        if (rc == 0 && scenario.interrupted()) {
+            rc = kExitInterrupted;
+        }
+    }
+    return rc;
+}

@@ -1,0 +1,559 @@
+#include "tsdsim/Scenario.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <iomanip>
+#include <set>
+#include <sstream>
+#include <thread>
+
+namespace tsdsim {
+
+namespace {
+
+const char* modeName(int mode)
+{
+    switch (mode) {
+        case 1:
+            return "alone";
+        case 2:
+            return "slave";
+        case 3:
+            return "master";
+        default:
+            return "unknown";
+    }
+}
+
+std::string hex6(unsigned v)
+{
+    char buf[16];
+    std::snprintf(buf, sizeof buf, "%06X", v & 0xFFFFFFu);
+    return buf;
+}
+
+std::string seconds(double t)
+{
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.1f s", t);
+    return buf;
+}
+
+std::string pad(const std::string& s, std::size_t width)
+{
+    return s.size() >= width ? s + " " : s + std::string(width - s.size(), ' ');
+}
+
+std::string describeStatus(int status)
+{
+    if (status < 0) {
+        return "did not end in time";
+    }
+    if (WIFEXITED(status)) {
+        return "exit " + std::to_string(WEXITSTATUS(status));
+    }
+    if (WIFSIGNALED(status)) {
+        return "killed by signal " + std::to_string(WTERMSIG(status));
+    }
+    return "status " + std::to_string(status);
+}
+
+}  // namespace
+
+Scenario::Scenario(const Chain& chain, const World::Options& options) : m_chain(chain), m_options(options) {}
+
+Scenario::~Scenario()
+{
+    if (m_world && !m_finished) {
+        finish();
+    }
+}
+
+double Scenario::now() const
+{
+    if (!m_world || m_startOffset < 0) {
+        return 0;
+    }
+    return m_world->now() - m_startOffset;
+}
+
+void Scenario::build()
+{
+    m_world = std::make_unique<World>(m_options);
+    for (const auto& b : m_chain.buses) {
+        m_world->addBus(b);
+    }
+    for (const auto& e : m_chain.modules) {
+        Module& m = m_world->addModule(e.spec);
+        if (!e.rearBus.empty()) {
+            m.addInterface(Side::Rear, *m_world->findBus(e.rearBus));
+        }
+        if (!e.frontBus.empty()) {
+            m.addInterface(Side::Front, *m_world->findBus(e.frontBus));
+        }
+    }
+    m_world->updateReachable();
+}
+
+void Scenario::note(const std::string& what, bool election)
+{
+    m_happenings.push_back({now(), what, election});
+}
+
+bool Scenario::run(const std::function<void()>& onTick, std::chrono::milliseconds tick,
+                   const std::function<void(const std::string&)>& onEvent)
+{
+    m_startOffset = m_world->now();
+    for (std::size_t i = 0; i < m_chain.modules.size(); ++i) {
+        const auto& e = m_chain.modules[i];
+        Module& m = *m_world->modules()[i];
+        if (!m.startVelad() || !m.startBusClients()) {
+            return false;
+        }
+        if (e.spec.publishParam) {
+            m.setParam(e.spec.param);
+        }
+    }
+    for (auto& m : m_world->modules()) {
+        m->waitPublished(std::chrono::seconds(5));
+    }
+    for (std::size_t i = 0; i < m_chain.modules.size(); ++i) {
+        if (!m_world->modules()[i]->startTsd(m_chain.modules[i].tsdArgs)) {
+            return false;
+        }
+    }
+    note("start", true);
+    if (onEvent) {
+        onEvent("start");
+    }
+    std::size_t next = 0;
+    auto lastTick = std::chrono::steady_clock::now();
+    if (onTick) {
+        onTick();
+    }
+    while (now() < m_chain.duration) {
+        if (World::stopRequested()) {
+            m_interrupted = true;
+            break;
+        }
+        while (next < m_chain.events.size() && m_chain.events[next].time <= now()) {
+            const auto& ev = m_chain.events[next++];
+            std::string err = apply(ev);
+            if (onEvent) {
+                onEvent(err.empty() ? ev.text() : ev.text() + " (failed: " + err + ")");
+            }
+        }
+        m_world->maintain();
+        auto t = std::chrono::steady_clock::now();
+        if (onTick && t - lastTick >= tick) {
+            lastTick = t;
+            onTick();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+std::string Scenario::apply(const Chain::Event& event)
+{
+    std::string err = checkEvent(m_chain, event);
+    if (!err.empty()) {
+        return err;
+    }
+    const auto& w = event.words;
+    const std::string& a = w[0];
+    World& world = *m_world;
+    if (a == "loss" || a == "dup" || a == "delay") {
+        Bus& bus = *world.findBus(w[1]);
+        double v = std::stod(w[2]);
+        if (a == "loss") {
+            bus.setLoss(v);
+        } else if (a == "dup") {
+            bus.setDuplicate(v);
+        } else {
+            bus.setDelay(std::chrono::milliseconds(static_cast<long>(v)));
+        }
+        note(event.text(), false);
+        return "";
+    }
+    if (a == "cut" || a == "plug") {
+        std::size_t dot = w[1].rfind('.');
+        Module& m = *world.findModule(w[1].substr(0, dot));
+        Side side = w[1].substr(dot + 1) == "rear" ? Side::Rear : Side::Front;
+        world.setCut(m, side, a == "cut");
+        note(event.text(), true);
+        return "";
+    }
+    Module& m = *world.findModule(w[1]);
+    if (a == "unplug") {
+        world.unplug(m);
+    } else if (a == "replug") {
+        world.replug(m);
+    } else if (a == "param") {
+        SyncParam p = m.param();
+        for (std::size_t i = 2; i < w.size(); ++i) {
+            std::size_t eq = w[i].find('=');
+            std::string k = w[i].substr(0, eq);
+            std::string v = w[i].substr(eq + 1);
+            if (k == "timesource") {
+                p.timesource = v;
+            } else if (k == "threshold") {
+                p.threshold = std::stod(v);
+            } else if (k == "ptp4l") {
+                p.ptp4l = v;
+            } else if (k == "ntpserver") {
+                p.ntpserver = v;
+            }
+        }
+        m.setParam(p);
+    } else if (a == "kill-velad") {
+        m.stopVelad(SIGKILL);
+    } else if (a == "start-velad") {
+        if (!m.startVelad()) {
+            return "velad did not start";
+        }
+        m.maintain();
+    } else if (a == "kill-tsd") {
+        m.stopTsd(SIGKILL);
+    } else if (a == "stop-tsd") {
+        int st = m.stopTsd(SIGTERM);
+        m_tsdExit[m.name()] = st;
+    } else if (a == "start-tsd") {
+        const Chain::ModuleEntry* entry = nullptr;
+        for (const auto& e : m_chain.modules) {
+            if (e.spec.name == m.name()) {
+                entry = &e;
+            }
+        }
+        if (!m.startTsd(entry ? entry->tsdArgs : std::vector<std::string>{})) {
+            return "tsd did not start";
+        }
+    } else if (a == "script") {
+        m.setScriptStatus(w[2], std::stoi(w[3]));
+    }
+    bool election = a == "unplug" || a == "replug" || a == "param" || a == "start-tsd";
+    note(event.text(), election);
+    return "";
+}
+
+void Scenario::finish()
+{
+    if (!m_world || m_finished) {
+        return;
+    }
+    m_finished = true;
+    // All daemons get SIGTERM at once, then each is awaited.
+    for (auto& m : m_world->modules()) {
+        if (m->tsdRunning()) {
+            ::kill(m->tsdPid(), SIGTERM);
+        }
+    }
+    for (auto& m : m_world->modules()) {
+        if (m->tsdPid() > 0) {
+            m_tsdExit[m->name()] = m->stopTsd(SIGTERM, std::chrono::seconds(10));
+        }
+    }
+    note("stop", false);
+    m_world->stopAll();
+}
+
+std::string Scenario::service(const Module& m) const
+{
+    std::string running = "-";
+    for (const auto& c : m.scriptCalls()) {
+        if (c.script == "ptp4ladm.sh") {
+            if (c.args == "start" || c.args == "restart") {
+                running = "ptp";
+            } else if (c.args == "stop" && running == "ptp") {
+                running = "-";
+            }
+        } else if (c.script == "start_ntpd.sh") {
+            running = "ntp";
+        } else if (c.script == "stop_ntpd.sh" && running == "ntp") {
+            running = "-";
+        }
+    }
+    return running;
+}
+
+std::string Scenario::table() const
+{
+    std::ostringstream t;
+    t << pad("MODULE", 8) << pad("UUID", 8) << pad("REAR", 16) << pad("FRONT", 16) << pad("THRESH", 7)
+      << pad("SERVICE", 8) << pad("ERRORS", 10) << pad("STATUS", 11) << "LAST CHANGE\n";
+    for (const auto& mp : m_world->modules()) {
+        Module& m = *mp;
+        Json::Value app = m.state("sync/app");
+        auto side = [&](const char* mode, const char* master, Side s) -> std::string {
+            if (!m.hasInterface(s)) {
+                return "-";
+            }
+            if (app.isNull()) {
+                return "?";
+            }
+            int md = app[mode].asInt();
+            std::string out = modeName(md);
+            if (md >= 2) {
+                out += " " + hex6(app[master].asUInt());
+            }
+            return out;
+        };
+        std::string errors;
+        for (const auto& e : m.states("sync/errors/")) {
+            errors += (errors.empty() ? "" : ",") + e.first.substr(std::string("sync/errors/").size());
+        }
+        std::string status = "up";
+        bool cutAll = true;
+        for (Side s : {Side::Rear, Side::Front}) {
+            if (m.hasInterface(s) && !m_world->isCut(m, s)) {
+                cutAll = false;
+            }
+        }
+        Module& mm = const_cast<Module&>(m);
+        if (!mm.veladRunning()) {
+            status = "velad down";
+        } else if (!mm.tsdRunning()) {
+            status = "tsd down";
+        } else if (cutAll) {
+            status = "unplugged";
+        }
+        std::string last = "-";
+        auto events = m.events();
+        for (auto it = events.rbegin(); it != events.rend(); ++it) {
+            if (it->path != "sync/param") {
+                last = seconds(it->time - m_startOffset) + " " + it->path;
+                break;
+            }
+        }
+        char thr[16];
+        std::snprintf(thr, sizeof thr, "%.1f", m.param().threshold);
+        t << pad(m.name(), 8) << pad(hex6(m.spec().uuid), 8)
+          << pad(side("mode_back", "master_uuid_back", Side::Rear), 16)
+          << pad(side("mode_front", "master_uuid_front", Side::Front), 16) << pad(thr, 7)
+          << pad(service(m), 8) << pad(errors.empty() ? "-" : errors, 10) << pad(status, 11) << last << "\n";
+    }
+    return t.str();
+}
+
+std::vector<Scenario::Election> Scenario::elections() const
+{
+    std::vector<Election> out;
+    for (const auto& h : m_happenings) {
+        if (h.election) {
+            out.push_back({h.time, h.what});
+        }
+    }
+    return out;
+}
+
+Json::Value Scenario::summary() const
+{
+    Json::Value s(Json::objectValue);
+    s["duration"] = now();
+    s["interrupted"] = m_interrupted;
+    Json::Value happenings(Json::arrayValue);
+    for (const auto& h : m_happenings) {
+        Json::Value e;
+        e["time"] = h.time;
+        e["event"] = h.what;
+        happenings.append(e);
+    }
+    s["timeline"] = happenings;
+
+    Json::Value modules(Json::arrayValue);
+    for (const auto& mp : m_world->modules()) {
+        const Module& m = *mp;
+        Json::Value j;
+        j["name"] = m.name();
+        j["uuid"] = hex6(m.spec().uuid);
+        j["label"] = m.spec().label();
+        j["type"] = m.spec().type;
+        j["syncApp"] = m.state("sync/app");
+        j["syncMaster"] = m.state("sync/master");
+        Json::Value active(Json::arrayValue);
+        for (const auto& e : m.states("sync/errors/")) {
+            active.append(e.second);
+        }
+        j["activeErrors"] = active;
+        Json::Value seen(Json::arrayValue);
+        for (const auto& e : m.events()) {
+            if (e.path.rfind("sync/errors/", 0) == 0 && e.event != "change") {
+                Json::Value x;
+                x["time"] = e.time - m_startOffset;
+                x["event"] = e.event == "add" ? "raised" : "cleared";
+                x["code"] = e.path.substr(std::string("sync/errors/").size());
+                if (e.event == "add") {
+                    x["txt"] = e.value["txt"];
+                    x["info"] = e.value["info"];
+                }
+                seen.append(x);
+            }
+        }
+        j["errorsSeen"] = seen;
+        Json::Value calls(Json::arrayValue);
+        for (const auto& c : m.scriptCalls()) {
+            Json::Value x;
+            x["time"] = c.time - m_startOffset;
+            x["script"] = c.script;
+            x["args"] = c.args;
+            calls.append(x);
+        }
+        j["scriptCalls"] = calls;
+        j["service"] = service(m);
+        auto ex = m_tsdExit.find(m.name());
+        if (ex != m_tsdExit.end()) {
+            j["tsdExit"] = ex->second >= 0 && WIFEXITED(ex->second) ? Json::Value(WEXITSTATUS(ex->second))
+                                                                    : Json::Value(describeStatus(ex->second));
+        }
+        modules.append(j);
+    }
+    s["modules"] = modules;
+
+    Json::Value elections(Json::arrayValue);
+    auto list = this->elections();
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        double from = list[i].opened;
+        double to = i + 1 < list.size() ? list[i + 1].opened : 1e18;
+        Json::Value e;
+        e["trigger"] = list[i].trigger;
+        e["started"] = from;
+        Json::Value results(Json::objectValue);
+        std::set<std::string> masters;
+        for (const auto& mp : m_world->modules()) {
+            const Module& m = *mp;
+            double last = -1;
+            std::string master;
+            for (const auto& ev : m.events()) {
+                double t = ev.time - m_startOffset;
+                if (t > to) {
+                    break;
+                }
+                if (ev.path == "sync/master" && ev.event != "remove") {
+                    master = ev.value.asString();
+                }
+                if (t >= from && (ev.path == "sync/app" || ev.path == "sync/master") &&
+                    ev.event == "change") {
+                    last = t;
+                }
+            }
+            if (last >= 0) {
+                Json::Value r;
+                r["time"] = last;
+                r["master"] = master;
+                results[m.name()] = r;
+                masters.insert(master);
+            }
+        }
+        e["results"] = results;
+        e["master"] = masters.size() == 1 ? Json::Value(*masters.begin()) : Json::Value();
+        elections.append(e);
+    }
+    s["elections"] = elections;
+    return s;
+}
+
+std::string Scenario::summaryText() const
+{
+    Json::Value s = summary();
+    std::ostringstream o;
+    std::map<std::string, std::string> nameOfLabel;
+    for (const auto& m : s["modules"]) {
+        nameOfLabel[m["label"].asString()] = m["name"].asString();
+    }
+    auto who = [&](const std::string& label) {
+        auto it = nameOfLabel.find(label);
+        return it == nameOfLabel.end() ? label : it->second + " (" + label + ")";
+    };
+    o << s["modules"].size() << " simulated modules ran for " << seconds(s["duration"].asDouble())
+      << (s["interrupted"].asBool() ? ", stopped early by Ctrl-C" : "") << ".\n\n";
+
+    o << "What happened:\n";
+    for (const auto& h : s["timeline"]) {
+        o << "  at " << std::setw(6) << seconds(h["time"].asDouble()) << ": " << h["event"].asString()
+          << "\n";
+    }
+    o << "\nElections (the modules agree on one sync master; the others take their time from it):\n";
+    int n = 0;
+    for (const auto& e : s["elections"]) {
+        ++n;
+        o << "  " << n << ". after \"" << e["trigger"].asString() << "\" at "
+          << seconds(e["started"].asDouble()) << ": ";
+        if (e["results"].empty()) {
+            o << "no module changed its result.\n";
+            continue;
+        }
+        std::map<std::string, std::vector<std::string>> byMaster;
+        double latest = 0;
+        for (const auto& name : e["results"].getMemberNames()) {
+            const auto& r = e["results"][name];
+            byMaster[r["master"].asString()].push_back(name);
+            latest = std::max(latest, r["time"].asDouble() - e["started"].asDouble());
+        }
+        bool first = true;
+        for (const auto& bm : byMaster) {
+            o << (first ? "" : "; ");
+            first = false;
+            std::string names;
+            for (const auto& x : bm.second) {
+                names += (names.empty() ? "" : ", ") + x;
+            }
+            o << names << (bm.second.size() == 1 ? " chose " : " chose ") << who(bm.first);
+        }
+        o << " (settled within " << seconds(latest) << ").\n";
+    }
+    o << "\nAt the end:\n";
+    for (const auto& m : s["modules"]) {
+        std::string name = m["name"].asString();
+        o << "  " << name << ": ";
+        const auto& app = m["syncApp"];
+        if (app.isNull()) {
+            o << "published nothing (no bus or no daemon)";
+        } else {
+            int mode = app["mode_back"].asInt();
+            if (mode == 3) {
+                o << "is the sync master";
+            } else if (mode == 2) {
+                o << "follows " << who("0A7C31" + hex6(app["master_uuid_back"].asUInt()));
+            } else if (mode == 1) {
+                o << "is alone on its bus";
+            } else {
+                o << "has no result yet";
+            }
+        }
+        std::string svc = m["service"].asString();
+        o << (svc == "ptp" ? ", runs PTP" : svc == "ntp" ? ", runs NTP" : ", runs no time service");
+        if (!m["activeErrors"].empty()) {
+            o << ", active errors:";
+            for (const auto& e : m["activeErrors"]) {
+                o << " " << e["error"].asInt() << " (" << e["txt"].asString() << ")";
+            }
+        }
+        if (m.isMember("tsdExit")) {
+            o << "; tsd ended with "
+              << (m["tsdExit"].isInt() ? "exit status " + std::to_string(m["tsdExit"].asInt())
+                                       : m["tsdExit"].asString());
+        }
+        o << ".\n";
+        int raised = 0;
+        for (const auto& e : m["errorsSeen"]) {
+            raised += e["event"] == "raised" ? 1 : 0;
+        }
+        if (raised > 0) {
+            o << "      (" << raised << " error(s) raised during the run)\n";
+        }
+        std::string calls;
+        for (const auto& c : m["scriptCalls"]) {
+            calls += (calls.empty() ? "" : ", ") + c["script"].asString() +
+                     (c["args"].asString().empty() ? "" : " " + c["args"].asString()) + " at " +
+                     seconds(c["time"].asDouble());
+        }
+        if (!calls.empty()) {
+            o << "      time-service scripts: " << calls << "\n";
+        }
+    }
+    return o.str();
+}
+
+}  // namespace tsdsim

@@ -1,0 +1,137 @@
+// Reading chain files: the statements, their checks and the error lines.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "tsdsim/Chain.h"
+
+using tsdsim::Chain;
+using tsdsim::ChainError;
+using tsdsim::parseChain;
+
+namespace {
+
+int errorLine(const std::string& text)
+{
+    try {
+        parseChain(text);
+    } catch (const ChainError& e) {
+        return e.line();
+    }
+    return -1;
+}
+
+std::string errorText(const std::string& text)
+{
+    try {
+        parseChain(text);
+    } catch (const ChainError& e) {
+        return e.what();
+    }
+    return {};
+}
+
+}  // namespace
+
+TEST(Chain, ReadsModulesBusesLevelsAndASortedTimeline)
+{
+    Chain c = parseChain(
+        "# comment line\n"
+        "duration 30\n"
+        "levels module KP=20 RZ=10 XY=7\n"
+        "levels source Ptp=5 Ntp=3\n"
+        "bus chain   # trailing comment\n"
+        "bus side\n"
+        "module a uuid=abcdef type=KP40 rear=chain front=side timesource=Ntp threshold=2.5 "
+        "ptp4l=\"-4 -E -i firewire0\" ntpserver=10.0.0.1 group=239.1.2.3 port=5000 tsdargs=\"-d\"\n"
+        "module b uuid=102 rear=chain param=no\n"
+        "at 12 param a timesource=Ptp threshold=0.3\n"
+        "at 4.5 unplug b\n"
+        "at 6 cut a.front\n"
+        "at 7 loss chain 0.25\n");
+    EXPECT_DOUBLE_EQ(c.duration, 30);
+    EXPECT_EQ(c.buses, (std::vector<std::string>{"chain", "side"}));
+    ASSERT_EQ(c.modules.size(), 2u);
+    const auto& a = c.modules[0];
+    EXPECT_EQ(a.spec.uuid, 0xabcdefu);
+    EXPECT_EQ(a.spec.type, "KP40");
+    EXPECT_EQ(a.rearBus, "chain");
+    EXPECT_EQ(a.frontBus, "side");
+    EXPECT_EQ(a.spec.param.timesource, "Ntp");
+    EXPECT_DOUBLE_EQ(a.spec.param.threshold, 2.5);
+    EXPECT_EQ(a.spec.param.ptp4l, "-4 -E -i firewire0");
+    EXPECT_EQ(a.spec.param.ntpserver, "10.0.0.1");
+    EXPECT_EQ(a.spec.group, "239.1.2.3");
+    EXPECT_EQ(a.spec.port, 5000u);
+    EXPECT_EQ(a.tsdArgs, (std::vector<std::string>{"-d"}));
+    EXPECT_EQ(a.spec.moduleLevels.size(), 3u);
+    EXPECT_EQ(a.spec.sourceLevels[0], (std::pair<std::string, unsigned>{"Ptp", 5}));
+    EXPECT_NE(a.spec.configFile().find("<XY>7</XY>"), std::string::npos);
+    EXPECT_FALSE(c.modules[1].spec.publishParam);
+    EXPECT_TRUE(c.modules[1].frontBus.empty());
+    ASSERT_EQ(c.events.size(), 4u);
+    EXPECT_EQ(c.events[0].text(), "unplug b");
+    EXPECT_DOUBLE_EQ(c.events[0].time, 4.5);
+    EXPECT_EQ(c.events[3].text(), "param a timesource=Ptp threshold=0.3");
+}
+
+TEST(Chain, ReportsTheLineOfEachMistake)
+{
+    EXPECT_EQ(errorLine("bus b\nmodule a uuid=1 rear=nope\n"), 2);
+    EXPECT_EQ(errorLine("bus b\nmodule a rear=b\n"), 2);               // no uuid
+    EXPECT_EQ(errorLine("bus b\nmodule a uuid=1000000 rear=b\n"), 2);  // beyond 24 bits
+    EXPECT_EQ(errorLine("bus b\nmodule a uuid=zz rear=b\n"), 2);
+    EXPECT_EQ(errorLine("bus b\nmodule a uuid=1\nmodule c uuid=1\n"), 3);  // same uuid
+    EXPECT_EQ(errorLine("bus b\nmodule a uuid=1\nmodule a uuid=2\n"), 3);  // same name
+    EXPECT_EQ(errorLine("bus b\nbus b\n"), 2);
+    EXPECT_EQ(errorLine("bus b\nmodule a uuid=1 colour=red\n"), 2);
+    EXPECT_EQ(errorLine("frobnicate\n"), 1);
+    EXPECT_EQ(errorLine("bus b\nmodule a uuid=1 rear=b\nat 3 unplug zz\n"), 3);
+    EXPECT_EQ(errorLine("bus b\nmodule a uuid=1 rear=b\nat 3 cut a.front\n"), 3);  // no front port
+    EXPECT_EQ(errorLine("bus b\nmodule a uuid=1 rear=b\nat 3 loss b 1.5\n"), 3);
+    EXPECT_EQ(errorLine("bus b\nmodule a uuid=1 rear=b\nat -1 unplug a\n"), 3);
+    EXPECT_EQ(errorLine("bus b\nmodule a uuid=1 rear=b\nat x unplug a\n"), 3);
+    EXPECT_EQ(errorLine("bus b\nmodule a uuid=1 rear=b\nat 3 param a colour=red\n"), 3);
+    EXPECT_EQ(errorLine("bus b\nmodule a uuid=1 rear=b\nat 3 script a rm.sh 1\n"), 3);
+    EXPECT_EQ(errorLine("bus b\nmodule a uuid=1 rear=b ptp4l=\"open\n"), 2);
+    EXPECT_EQ(errorLine("duration 5\nbus b\nmodule a uuid=1 rear=b\nat 9 unplug a\n"), 4);
+    EXPECT_EQ(errorLine("bus b\nmodule a uuid=1 rear=b\nlevels module RZ=1\n"), 3);
+    EXPECT_EQ(errorLine("# nothing\n"), 0);  // no module at all
+    EXPECT_NE(errorText("bus b\nmodule a uuid=1 rear=nope\n").find("unknown bus 'nope'"), std::string::npos);
+}
+
+TEST(Chain, DefaultChainPutsNModulesOnOneBusWithRisingUuids)
+{
+    Chain c = tsdsim::defaultChain(3, 12);
+    EXPECT_DOUBLE_EQ(c.duration, 12);
+    ASSERT_EQ(c.modules.size(), 3u);
+    EXPECT_EQ(c.modules[2].spec.name, "m3");
+    EXPECT_EQ(c.modules[2].spec.uuid, 0x000103u);
+    EXPECT_EQ(c.modules[2].rearBus, "chain");
+    EXPECT_TRUE(c.events.empty());
+}
+
+TEST(Chain, ExampleChainFilesAreValid)
+{
+    std::filesystem::path dir = std::filesystem::path(TSDSIM_SOURCE_DIR) / "sim" / "chains";
+    int files = 0;
+    for (const auto& e : std::filesystem::directory_iterator(dir)) {
+        if (e.path().extension() == ".chain") {
+            ++files;
+            EXPECT_NO_THROW(tsdsim::loadChain(e.path().string())) << e.path();
+        }
+    }
+    EXPECT_GE(files, 3);
+    EXPECT_THROW(tsdsim::loadChain((dir / "no-such.chain").string()), ChainError);
+}
+
+TEST(Chain, NodeIdsAndLabelsOfAModule)
+{
+    tsdsim::ModuleSpec s;
+    s.uuid = 0xabcdef;
+    EXPECT_EQ(s.label(), "0A7C31ABCDEF");
+    EXPECT_EQ(s.nodeId(tsdsim::Side::Rear), 0x0A7C31ABCDEFull);
+    EXPECT_EQ(s.nodeId(tsdsim::Side::Front), 0x0A7C312BCDEFull);
+    EXPECT_EQ(tsdsim::nodeIdText(s.nodeId(tsdsim::Side::Rear)), "0A7C31ABCDEF");
+    EXPECT_EQ(tsdsim::nodeIdAddress(0x0A7C31000001ull), "00:00:0a:7c:31:00:00:01");
+}
