@@ -393,6 +393,9 @@ TEST_F(PeerAsyncTest, BrokerRestartRestoresStatesAndFetches)
         return owner->isConnected() && fetcher->isConnected() && rec.count("add", "sync/master") == 1 &&
                rec.count("add", "sync/app") == 1 && rec.count("remove", "sync/ghost") == 1;
     })) << rec.events.size();
+    // States whose owner came back are not reported removed in between.
+    EXPECT_EQ(rec.count("remove", "sync/master"), 0u);
+    EXPECT_EQ(rec.count("remove", "sync/app"), 0u);
     EXPECT_EQ(rec.last("sync/master")->value, "B");
     EXPECT_EQ(rec.last("sync/app")->value, 1);
     EXPECT_EQ(*broker->core().valueText("sync/master"), "\"B\"");

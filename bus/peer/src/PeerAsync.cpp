@@ -40,6 +40,11 @@ namespace {
 // Reconnection back-off: doubles from the first to the last value (ms).
 constexpr std::chrono::milliseconds kFirstRetry(100);
 constexpr std::chrono::milliseconds kMaxRetry(2000);
+// After a reconnection, how long a state known before the break may take to
+// reappear before its fetch is told it was removed. Every owner reconnects
+// within the longest back-off, so a state that is still missing after that
+// really went away while the broker was down (ms).
+constexpr std::chrono::milliseconds kStaleGrace(3000);
 
 Json::Value okBody()
 {
@@ -75,8 +80,8 @@ struct PeerAsync::Impl
         FetchCallback onNotify;
         std::vector<ResponseCallback> waiting;
         // Paths this fetch has reported as present. After a reconnection the
-        // ones not reported again by the time the fetch is answered have
-        // vanished meanwhile and get a "remove".
+        // ones not reported again within kStaleGrace have vanished meanwhile
+        // and get a "remove".
         std::set<std::string> known;
         std::set<std::string> stale;
     };
@@ -121,6 +126,7 @@ struct PeerAsync::Impl
     std::unique_ptr<FrameConnection> conn;
     int connectingFd = -1;
     orv::sys::Timer retryTimer;
+    orv::sys::Timer staleTimer;
     std::chrono::milliseconds backoff = kFirstRetry;
     LinkLog linkLog = LinkLog::kSilent;
     bool everConnected = false;
@@ -136,7 +142,13 @@ struct PeerAsync::Impl
     std::shared_ptr<bool> alive = std::make_shared<bool>(true);
 
     Impl(orv::sys::EventLoop& l, const std::string& a, unsigned p, const std::string& n, bool t)
-        : loop(l), address(a), port(static_cast<std::uint16_t>(p)), name(n), trace(t), retryTimer(l)
+        : loop(l),
+          address(a),
+          port(static_cast<std::uint16_t>(p)),
+          name(n),
+          trace(t),
+          retryTimer(l),
+          staleTimer(l)
     {
     }
 
@@ -282,6 +294,7 @@ struct PeerAsync::Impl
         syslog(LOG_NOTICE, "vela: connection to broker %s lost (%s); reconnecting", where().c_str(),
                err < 0 ? std::strerror(-err) : "closed by the broker");
         linkLog = LinkLog::kLost;
+        staleTimer.cancel();
 
         // Requests the replay will repeat keep their callbacks for it; the
         // others are lost with the connection.
@@ -511,29 +524,52 @@ struct PeerAsync::Impl
     }
 
     // The broker has delivered every state present when the fetch arrived.
+    // Paths known before a reconnection and not among them may still come
+    // back with their owner's own reconnection; give them kStaleGrace.
     void finishFetch(int fetchId)
     {
         auto f = fetches.find(fetchId);
-        if (f == fetches.end()) {
+        if (f == fetches.end() || f->second.stale.empty() || staleTimer.isPending()) {
             return;
         }
-        std::set<std::string> vanished = std::move(f->second.stale);
-        f->second.stale.clear();
-        std::shared_ptr<bool> guard = alive;
-        for (const std::string& path : vanished) {
-            f = fetches.find(fetchId);
-            if (f == fetches.end()) {
-                return;
+        staleTimer.set(kStaleGrace, false, [this](bool fired) {
+            if (fired) {
+                reportVanished();
             }
-            Json::Value n(Json::objectValue);
-            n["path"] = path;
-            n["event"] = p::kEventRemove;
-            n["value"] = Json::Value();
-            FetchCallback cb = f->second.onNotify;
-            if (cb) {
-                guarded("fetch callback", [&] { cb(n, fetchId); });
-                if (!*guard) {
-                    return;
+        });
+    }
+
+    void reportVanished()
+    {
+        std::shared_ptr<bool> guard = alive;
+        std::vector<int> ids;
+        for (const auto& [id, fetch] : fetches) {
+            if (!fetch.stale.empty()) {
+                ids.push_back(id);
+            }
+        }
+        for (int fetchId : ids) {
+            auto f = fetches.find(fetchId);
+            if (f == fetches.end()) {
+                continue;
+            }
+            std::set<std::string> vanished = std::move(f->second.stale);
+            f->second.stale.clear();
+            for (const std::string& path : vanished) {
+                f = fetches.find(fetchId);
+                if (f == fetches.end()) {
+                    break;
+                }
+                Json::Value n(Json::objectValue);
+                n["path"] = path;
+                n["event"] = p::kEventRemove;
+                n["value"] = Json::Value();
+                FetchCallback cb = f->second.onNotify;
+                if (cb) {
+                    guarded("fetch callback", [&] { cb(n, fetchId); });
+                    if (!*guard) {
+                        return;
+                    }
                 }
             }
         }

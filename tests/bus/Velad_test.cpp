@@ -1,0 +1,342 @@
+// velad as a real process under bad input: raw sockets send garbage,
+// truncated, oversized and deeply nested frames, or stop reading, while
+// well-behaved peers (the vela client) check that nothing of theirs is lost.
+#include "BusTestSupport.h"
+#include "Frame.h"
+#include "JsonText.h"
+#include "Protocol.h"
+#include "Socket.h"
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+using bustest::ChildProcess;
+using bustest::runVela;
+using bustest::VeladProcess;
+using namespace std::chrono_literals;
+namespace p = vela::protocol;
+
+namespace {
+
+// A blocking client that speaks the frames by hand.
+class RawClient
+{
+public:
+    explicit RawClient(std::uint16_t port)
+    {
+        m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in addr;
+        vela::socket::makeAddress("127.0.0.1", port, addr);
+        if (::connect(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
+            ::close(m_fd);
+            m_fd = -1;
+        }
+    }
+    ~RawClient()
+    {
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
+    }
+    RawClient(const RawClient&) = delete;
+    RawClient& operator=(const RawClient&) = delete;
+
+    bool ok() const { return m_fd >= 0; }
+
+    bool sendRaw(const std::string& bytes)
+    {
+        return ::send(m_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    }
+    bool sendFrame(const std::string& payload)
+    {
+        std::string out;
+        vela::appendFrame(out, payload);
+        return sendRaw(out);
+    }
+    bool hello()
+    {
+        Json::Value params(Json::objectValue);
+        params["protocol"] = p::kVersion;
+        Json::Value r;
+        return sendFrame(p::request(0, p::kHello, params)) && readFrame(r) && r.isMember("result");
+    }
+    // Next frame as JSON; false at EOF or timeout.
+    bool readFrame(Json::Value& out, std::chrono::milliseconds timeout = 5s)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        for (;;) {
+            std::string_view payload;
+            if (m_decoder.next(payload) == vela::FrameDecoder::Result::kFrame) {
+                return vela::parseJson(payload, &out, nullptr);
+            }
+            if (!fill(deadline)) {
+                return false;
+            }
+        }
+    }
+    // True when the broker closed the connection (within timeout).
+    bool closedByPeer(std::chrono::milliseconds timeout = 5s)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (fill(deadline)) {
+        }
+        return m_eof;
+    }
+
+private:
+    int m_fd = -1;
+    vela::FrameDecoder m_decoder{vela::kMaxBrokerFrameSize};
+    bool m_eof = false;
+
+    bool fill(std::chrono::steady_clock::time_point deadline)
+    {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
+                                                                          std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            return false;
+        }
+        pollfd pfd{m_fd, POLLIN, 0};
+        if (::poll(&pfd, 1, static_cast<int>(left.count())) <= 0) {
+            return false;
+        }
+        char buf[65536];
+        ssize_t n = ::read(m_fd, buf, sizeof buf);
+        if (n <= 0) {
+            m_eof = true;
+            return false;
+        }
+        m_decoder.feed(buf, static_cast<std::size_t>(n));
+        return true;
+    }
+};
+
+std::string addRequest(int id, const std::string& path, const std::string& valueJson, bool settable = false)
+{
+    return "{\"jsonrpc\":\"2.0\",\"id\":" + std::to_string(id) +
+           ",\"method\":\"add\",\"params\":{\"path\":\"" + path + "\",\"value\":" + valueJson +
+           ",\"settable\":" + (settable ? "true" : "false") + "}}";
+}
+
+class VeladTest : public ::testing::Test
+{
+protected:
+    VeladProcess velad{{"--quiet"}};
+
+    // A well-behaved owner whose state must survive everything else.
+    void addKept(RawClient& owner)
+    {
+        ASSERT_TRUE(owner.ok());
+        ASSERT_TRUE(owner.hello());
+        ASSERT_TRUE(owner.sendFrame(addRequest(1, "kept/value", "{\"n\":1}")));
+        Json::Value r;
+        ASSERT_TRUE(owner.readFrame(r));
+        ASSERT_EQ(r["result"], true);
+    }
+
+    void expectKept()
+    {
+        std::string out;
+        EXPECT_EQ(runVela(velad.port(), {"get", "kept/value"}, &out), 0);
+        EXPECT_EQ(out, "{\"n\":1}\n");
+        EXPECT_TRUE(velad.process().running());
+    }
+};
+
+}  // namespace
+
+TEST_F(VeladTest, GarbageBytesGetAnErrorAndTheConnectionIsClosed)
+{
+    RawClient owner(velad.port());
+    addKept(owner);
+    RawClient bad(velad.port());
+    ASSERT_TRUE(bad.sendRaw("GET / HTTP/1.1\r\nHost: x\r\n\r\n"));
+    Json::Value r;
+    ASSERT_TRUE(bad.readFrame(r));
+    EXPECT_EQ(r["error"]["code"], p::kFrameTooLarge);
+    EXPECT_TRUE(bad.closedByPeer());
+    expectKept();
+}
+
+TEST_F(VeladTest, OversizedFrameIsRefusedBeforeItsBodyIsRead)
+{
+    RawClient owner(velad.port());
+    addKept(owner);
+    RawClient bad(velad.port());
+    ASSERT_TRUE(bad.hello());
+    std::string header;
+    vela::appendFrameHeader(header, vela::kMaxFrameSize + 1);
+    ASSERT_TRUE(bad.sendRaw(header));
+    Json::Value r;
+    ASSERT_TRUE(bad.readFrame(r));
+    EXPECT_EQ(r["error"]["code"], p::kFrameTooLarge);
+    EXPECT_TRUE(bad.closedByPeer());
+    expectKept();
+}
+
+TEST_F(VeladTest, FrameOfTheMaximumSizeIsAccepted)
+{
+    RawClient owner(velad.port());
+    ASSERT_TRUE(owner.hello());
+    std::string payload =
+        "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"add\",\"params\":{\"path\":\"big\",\"value\":\"";
+    const std::string tail = "\"}}";
+    const std::size_t body = vela::kMaxFrameSize - payload.size() - tail.size();
+    payload += std::string(body, 'x');
+    payload += tail;
+    ASSERT_EQ(payload.size(), vela::kMaxFrameSize);
+    ASSERT_TRUE(owner.sendFrame(payload));
+    Json::Value r;
+    ASSERT_TRUE(owner.readFrame(r));
+    EXPECT_EQ(r["result"], true);
+    std::string out;
+    EXPECT_EQ(runVela(velad.port(), {"get", "big"}, &out), 0);
+    EXPECT_EQ(out, "\"" + std::string(body, 'x') + "\"\n");
+}
+
+TEST_F(VeladTest, TruncatedFrameThenDisconnectLosesNothingElse)
+{
+    RawClient owner(velad.port());
+    addKept(owner);
+    {
+        RawClient bad(velad.port());
+        ASSERT_TRUE(bad.hello());
+        ASSERT_TRUE(bad.sendFrame(addRequest(1, "bad/own", "1")));
+        Json::Value r;
+        ASSERT_TRUE(bad.readFrame(r));
+        std::string half;
+        vela::appendFrame(half, addRequest(2, "bad/half", "2"));
+        ASSERT_TRUE(bad.sendRaw(half.substr(0, half.size() / 2)));
+    }
+    // The truncated peer's own state goes with it; the half frame never
+    // counted.
+    std::string out;
+    ASSERT_TRUE([&] {
+        for (int i = 0; i < 100; ++i) {
+            if (runVela(velad.port(), {"get", "bad/own"}) == 1) {
+                return true;
+            }
+            std::this_thread::sleep_for(20ms);
+        }
+        return false;
+    }());
+    EXPECT_EQ(runVela(velad.port(), {"get", "bad/half"}), 1);
+    expectKept();
+}
+
+TEST_F(VeladTest, FrameSplitAcrossWritesIsReassembled)
+{
+    RawClient owner(velad.port());
+    ASSERT_TRUE(owner.hello());
+    std::string frame;
+    vela::appendFrame(frame, addRequest(1, "split", "[1,2,3]"));
+    for (char c : frame) {
+        ASSERT_TRUE(owner.sendRaw(std::string(1, c)));
+    }
+    Json::Value r;
+    ASSERT_TRUE(owner.readFrame(r));
+    EXPECT_EQ(r["result"], true);
+    std::string out;
+    EXPECT_EQ(runVela(velad.port(), {"get", "split"}, &out), 0);
+    EXPECT_EQ(out, "[1,2,3]\n");
+}
+
+TEST_F(VeladTest, DeepOrMalformedJsonGetsAnErrorAndTheConnectionStays)
+{
+    RawClient owner(velad.port());
+    addKept(owner);
+    RawClient bad(velad.port());
+    ASSERT_TRUE(bad.hello());
+    const std::string frames[] = {
+        std::string(500000, '['),
+        "{\"jsonrpc\":\"2.0\",\"id\":5,\"method\":\"add\",\"params\":{\"path\":\"deep\",\"value\":" +
+            std::string(1000, '[') + std::string(1000, ']') + "}}",
+        "{\"jsonrpc\":",
+        "\xff\xfe\x00garbage",
+        "[]",
+        "{\"jsonrpc\":\"2.0\",\"id\":6,\"method\":7}",
+        "{\"jsonrpc\":\"2.0\",\"id\":7,\"method\":\"add\",\"params\":{\"path\":\"\"}}",
+        "{\"jsonrpc\":\"2.0\",\"id\":8,\"method\":\"fetch\",\"params\":{\"id\":1,\"matcher\":{\"prefix\":"
+        "\"a\"}}}",
+    };
+    for (const std::string& f : frames) {
+        ASSERT_TRUE(bad.sendFrame(f));
+        Json::Value r;
+        ASSERT_TRUE(bad.readFrame(r)) << f.substr(0, 30);
+        EXPECT_TRUE(r.isMember("error")) << f.substr(0, 30);
+    }
+    // Still usable.
+    ASSERT_TRUE(bad.sendFrame(addRequest(9, "after/bad", "true")));
+    Json::Value r;
+    ASSERT_TRUE(bad.readFrame(r));
+    EXPECT_EQ(r["result"], true);
+    EXPECT_EQ(runVela(velad.port(), {"get", "deep"}), 1);
+    expectKept();
+}
+
+TEST_F(VeladTest, PeerThatStopsReadingDoesNotStallTheOthers)
+{
+    RawClient owner(velad.port());
+    ASSERT_TRUE(owner.hello());
+    ASSERT_TRUE(owner.sendFrame(addRequest(1, "load/x", "0")));
+    Json::Value r;
+    ASSERT_TRUE(owner.readFrame(r));
+
+    RawClient stuck(velad.port());
+    ASSERT_TRUE(stuck.hello());
+    ASSERT_TRUE(stuck.sendFrame(
+        "{\"jsonrpc\":\"2.0\",\"id\":2,\"method\":\"fetch\",\"params\":{\"id\":1,\"matcher\":{}}}"));
+    // stuck never reads again.
+
+    constexpr int kChanges = 3000;
+    ChildProcess watcher({bustest::velaPath(), "--port", std::to_string(velad.port()), "watch", "load/",
+                          "--count", std::to_string(kChanges + 1)});
+    std::string line;
+    ASSERT_TRUE(watcher.readLine(line));  // the initial add: the fetch is in place
+    const std::string value = "\"" + std::string(1000, 'v') + "\"";
+    std::string burst;
+    for (int i = 0; i < kChanges; ++i) {
+        vela::appendFrame(
+            burst, "{\"jsonrpc\":\"2.0\",\"method\":\"change\",\"params\":{\"path\":\"load/x\",\"value\":" +
+                       value + "}}");
+    }
+    ASSERT_TRUE(owner.sendRaw(burst));
+    int lines = 1;
+    while (lines < kChanges + 1 && watcher.readLine(line, 10s)) {
+        ++lines;
+    }
+    EXPECT_EQ(lines, kChanges + 1);
+    EXPECT_EQ(watcher.wait(), 0);
+    EXPECT_TRUE(velad.process().running());
+}
+
+TEST(VeladProcess, SigtermAndSigintEndWithStatusZero)
+{
+    for (int sig : {SIGTERM, SIGINT}) {
+        VeladProcess velad;
+        EXPECT_EQ(velad.process().signalAndWait(sig), 0) << sig;
+    }
+}
+
+TEST(VeladProcess, PortInUseIsAnErrorExit)
+{
+    VeladProcess first{{"--quiet"}};
+    ChildProcess second({bustest::veladPath(), "--port", std::to_string(first.port())});
+    EXPECT_EQ(second.wait(), 1);
+    EXPECT_NE(second.readAllStderr().find("cannot listen"), std::string::npos);
+}
+
+TEST(VeladProcess, BadOptionsAreRefused)
+{
+    ChildProcess bad({bustest::veladPath(), "--port", "99999"});
+    EXPECT_EQ(bad.wait(), 2);
+    ChildProcess unknown({bustest::veladPath(), "--frobnicate"});
+    EXPECT_EQ(unknown.wait(), 2);
+}
