@@ -181,6 +181,9 @@ int main(int argc, char** argv)
         if (json) {
             Json::StreamWriterBuilder b;
             b["indentation"] = "  ";
+            // Milliseconds are all the timeline can tell apart.
+            b["precision"] = 3;
+            b["precisionType"] = "decimal";
             std::cout << Json::writeString(b, scenario.summary()) << "\n";
         } else {
             std::cout << scenario.summaryText() << std::flush;

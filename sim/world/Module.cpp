@@ -446,6 +446,10 @@ bool Module::start(const std::vector<std::string>& tsdArgs)
     if (!startBusClients()) {
         return false;
     }
+    if (m_spec.publishParam && !m_paramPublished) {
+        setParam(m_param);
+    }
+    waitPublished(std::chrono::seconds(5));
     return startTsd(tsdArgs);
 }
 

@@ -244,6 +244,9 @@ void Scenario::finish()
         return;
     }
     m_finished = true;
+    for (auto& m : m_world->modules()) {
+        m_final[m->name()] = Final{m->state("sync/app"), m->state("sync/master"), m->states("sync/errors/")};
+    }
     // All daemons get SIGTERM at once, then each is awaited.
     for (auto& m : m_world->modules()) {
         if (m->tsdRunning()) {
@@ -370,10 +373,12 @@ Json::Value Scenario::summary() const
         j["uuid"] = hex6(m.spec().uuid);
         j["label"] = m.spec().label();
         j["type"] = m.spec().type;
-        j["syncApp"] = m.state("sync/app");
-        j["syncMaster"] = m.state("sync/master");
+        auto fin = m_final.find(m.name());
+        bool done = fin != m_final.end();
+        j["syncApp"] = done ? fin->second.app : m.state("sync/app");
+        j["syncMaster"] = done ? fin->second.master : m.state("sync/master");
         Json::Value active(Json::arrayValue);
-        for (const auto& e : m.states("sync/errors/")) {
+        for (const auto& e : done ? fin->second.errors : m.states("sync/errors/")) {
             active.append(e.second);
         }
         j["activeErrors"] = active;
@@ -499,7 +504,11 @@ std::string Scenario::summaryText() const
             for (const auto& x : bm.second) {
                 names += (names.empty() ? "" : ", ") + x;
             }
-            o << names << (bm.second.size() == 1 ? " chose " : " chose ") << who(bm.first);
+            if (bm.second.size() == 1 && nameOfLabel[bm.first] == bm.second[0]) {
+                o << names << " chose itself";
+            } else {
+                o << names << " chose " << who(bm.first);
+            }
         }
         o << " (settled within " << seconds(latest) << ").\n";
     }

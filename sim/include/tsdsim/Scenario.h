@@ -72,7 +72,17 @@ private:
     std::string service(const Module& m) const;
     std::vector<Election> elections() const;
 
+    // What each module showed on its bus just before the daemons were
+    // stopped (their states vanish with them).
+    struct Final
+    {
+        Json::Value app;
+        Json::Value master;
+        std::map<std::string, Json::Value> errors;
+    };
+
     Chain m_chain;
+    std::map<std::string, Final> m_final;
     World::Options m_options;
     std::unique_ptr<World> m_world;
     double m_startOffset = -1;  // world time at which the modules were started
