@@ -354,6 +354,8 @@ TEST(EventLoop, IdleLoopWakesOnlyForItsTimers)
     });
     EXPECT_EQ(loop.execute(), 0);
     EXPECT_EQ(fired, 2);
-    // One wake-up per timer, nothing in between.
-    EXPECT_EQ(loop.wakeups(), 2u);
+    // One wake-up per timer and nothing in between (a loaded machine may serve
+    // both timers with one wake-up; a polling loop would show dozens).
+    EXPECT_GE(loop.wakeups(), 1u);
+    EXPECT_LE(loop.wakeups(), 2u);
 }

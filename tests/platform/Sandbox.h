@@ -53,7 +53,7 @@ inline void writeFile(const std::string& path, const std::string& content)
 
 // Runs body in a forked child that has its own network namespace (loopback
 // up), its own mount namespace with a sysfs of that network namespace on /sys,
-// a scratch tmpfs on /mnt and an empty /run/netns. The child's GoogleTest
+// a scratch tmpfs on /mnt and an empty tmpfs on /run. The child's GoogleTest
 // failures print as usual and make the calling test fail.
 inline void runIsolated(const std::function<void()>& body, unsigned timeoutSeconds = 60)
 {
@@ -70,8 +70,10 @@ inline void runIsolated(const std::function<void()>& body, unsigned timeoutSecon
             std::fprintf(stderr, "sandbox: %s\n", std::strerror(errno));
             ::_exit(3);
         }
-        ::mkdir("/run/netns", 0755);
-        if (::mount("tmpfs", "/run/netns", "tmpfs", 0, "size=1m") != 0 || sh("ip link set lo up") != 0) {
+        // A private /run: `ip -n NAME` finds namespaces under /run/netns, and
+        // nothing of it reaches the machine's own /run.
+        if (::mount("tmpfs", "/run", "tmpfs", 0, "size=4m") != 0 || ::mkdir("/run/netns", 0755) != 0 ||
+            sh("ip link set lo up") != 0) {
             std::fprintf(stderr, "sandbox: cannot prepare /run/netns or loopback\n");
             ::_exit(3);
         }
