@@ -55,6 +55,7 @@ struct Netlink::Impl
     std::uint32_t seq = 0;
     bool initial = false;        // the first dump after start(): report everything
     bool resyncPending = false;  // notifications were lost during a dump
+    unsigned overruns = 0;
     // Bumped by stop(): a callback that stops the monitor ends the processing
     // of the buffer it came from.
     std::uint64_t generation = 0;
@@ -289,6 +290,7 @@ struct Netlink::Impl
             const ssize_t n = ::recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
             if (n < 0) {
                 if (errno == ENOBUFS) {
+                    ++overruns;
                     // Notifications were dropped: compare with the kernel again.
                     if (phase == Phase::Live) {
                         startSync();
@@ -362,6 +364,11 @@ int Netlink::start(Callback callback)
 void Netlink::stop()
 {
     m_impl->close();
+}
+
+unsigned Netlink::overruns() const
+{
+    return m_impl->overruns;
 }
 
 }  // namespace orv::communication

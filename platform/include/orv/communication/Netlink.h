@@ -45,6 +45,11 @@ public:
     int start(Callback callback);
     void stop();
 
+    // How often the kernel dropped notifications because they came faster
+    // than the loop read them; each time a fresh dump caught up, reporting
+    // only what had changed.
+    unsigned overruns() const;
+
 private:
     struct Impl;
     std::unique_ptr<Impl> m_impl;
