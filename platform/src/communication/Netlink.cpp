@@ -31,6 +31,7 @@ namespace {
 
 // Room for bursts of notifications (a chain of modules powering up).
 constexpr int kSocketBufferBytes = 1 << 20;
+constexpr unsigned kMaxRefusedDumps = 3;
 
 }  // namespace
 
@@ -56,6 +57,7 @@ struct Netlink::Impl
     bool initial = false;        // the first dump after start(): report everything
     bool resyncPending = false;  // notifications were lost during a dump
     unsigned overruns = 0;
+    unsigned refusedDumps = 0;  // in a row
     // Bumped by stop(): a callback that stops the monitor ends the processing
     // of the buffer it came from.
     std::uint64_t generation = 0;
@@ -243,6 +245,7 @@ struct Netlink::Impl
             }
         }
         phase = Phase::Live;
+        refusedDumps = 0;
         if (initial) {
             initial = false;
             if (!report(COMPLETE, 0, "")) {
@@ -274,8 +277,13 @@ struct Netlink::Impl
                 return phase == Phase::DumpingLinks ? finishLinks() : finishAddresses();
             case NLMSG_ERROR:
                 if (fromDump) {
-                    // The dump was refused; ask again rather than stay unsynchronised.
-                    return startSync() == 0;
+                    // The dump was refused; ask again rather than stay
+                    // unsynchronised, but do not insist against a kernel that
+                    // keeps refusing: live notifications still arrive.
+                    if (++refusedDumps <= kMaxRefusedDumps) {
+                        return startSync() == 0;
+                    }
+                    phase = Phase::Live;
                 }
                 return true;
             default:
