@@ -235,7 +235,7 @@ void Module::buildFiles()
 {
     makeDir(m_dir);
     for (const char* d : {"etc-up", "etc-work", "bin-up", "bin-work", "run", "realproc", "realdev",
-                          "device-tree", "device-tree/stratova", "ids", "status"}) {
+                          "device-tree", "device-tree/stratova", "ids", "status", "run/timesync"}) {
         makeDir(m_dir + "/" + d);
     }
     writeFile(m_dir + "/etc-up/TimeSourceDaemonConfig.xml", m_spec.configFile());
