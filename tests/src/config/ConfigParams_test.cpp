@@ -25,7 +25,8 @@ std::string configXml(const std::string& port, const std::string& levels = "")
 {
     return "<?xml version=\"1.0\"?>\n<TimeSyncDaemon>\n"
            "  <MultiCastParam><Address>239.1.2.3</Address><Port>" +
-           port + "</Port></MultiCastParam>\n  <PrioLevel>\n" + levels + "  </PrioLevel>\n</TimeSyncDaemon>\n";
+           port + "</Port></MultiCastParam>\n  <PrioLevel>\n" + levels +
+           "  </PrioLevel>\n</TimeSyncDaemon>\n";
 }
 
 // A working directory of the child's own, holding the fallback file if any.
@@ -70,13 +71,11 @@ TEST(ConfigParams, EtcFileWinsOverWorkingDirectory)
         EXPECT_EQ(params.getPrioLevel("Ntp"), 1u);
         EXPECT_EQ(params.getPrioLevel("ptp"), 0u) << "names are case-sensitive";
 
-        std::vector<std::string> expected = {"APPLICATION NAME : TimeSyncDaemon",
-                                             " MULTICAST ADDRESS : 239.1.2.3",
-                                             " MULTICAST PORT    : 4000 ",
-                                             "PRIO TYPE [NAME/LEVEL] : KP / 20 ",
-                                             "PRIO TYPE [NAME/LEVEL] : RZ / 10 ",
-                                             "PRIO TYPE [NAME/LEVEL] : Ptp / 2 ",
-                                             "PRIO TYPE [NAME/LEVEL] : Ntp / 1 "};
+        std::vector<std::string> expected = {
+            "APPLICATION NAME : TimeSyncDaemon", " MULTICAST ADDRESS : 239.1.2.3",
+            " MULTICAST PORT    : 4000 ",        "PRIO TYPE [NAME/LEVEL] : KP / 20 ",
+            "PRIO TYPE [NAME/LEVEL] : RZ / 10 ", "PRIO TYPE [NAME/LEVEL] : Ptp / 2 ",
+            "PRIO TYPE [NAME/LEVEL] : Ntp / 1 "};
         const auto& lines = capture.lines();
         ASSERT_EQ(lines.size(), expected.size()) << capture.dump();
         for (std::size_t i = 0; i < expected.size(); ++i) {

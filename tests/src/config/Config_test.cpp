@@ -65,8 +65,8 @@ void prepare(const std::string& moduleType, const char* uuid, const std::string&
 std::string nodeAddress(unsigned low24)
 {
     char text[32];
-    std::snprintf(text, sizeof text, "00:0a:7c:31:00:%02x:%02x:%02x", (low24 >> 16) & 0xFF, (low24 >> 8) & 0xFF,
-                  low24 & 0xFF);
+    std::snprintf(text, sizeof text, "00:0a:7c:31:00:%02x:%02x:%02x", (low24 >> 16) & 0xFF,
+                  (low24 >> 8) & 0xFF, low24 & 0xFF);
     return text;
 }
 
@@ -187,8 +187,9 @@ TEST(Config, OtherTypeGetsRzLevel)
 TEST(Config, TypeAbsentFromConfigurationGivesPriorityZero)
 {
     runIsolated([] {
-        prepare("RZ", "1",
-                "<TimeSyncDaemon><PrioLevel><ModuleType><KP>20</KP></ModuleType></PrioLevel></TimeSyncDaemon>");
+        prepare(
+            "RZ", "1",
+            "<TimeSyncDaemon><PrioLevel><ModuleType><KP>20</KP></ModuleType></PrioLevel></TimeSyncDaemon>");
         SyslogCapture capture;
         EXPECT_EQ(Config::instance().getModulePrio(), 0u);
         EXPECT_EQ(capture.count(LOG_INFO, "MOD_PRIO : 0"), 1u) << capture.dump();
@@ -239,7 +240,8 @@ TEST(Config, WithoutAdaptersBothAddressesAreEmptyAndRearErrorIsLogged)
         EXPECT_EQ(config.getInterfaceAddress(REAR_FW), "");
         EXPECT_EQ(config.getInterfaceAddress(FRONT_FW), "");
         EXPECT_EQ(config.getRearInterfaceName(), "");
-        EXPECT_EQ(capture.count(LOG_ERR, "error detecting back side firewire interface"), 1u) << capture.dump();
+        EXPECT_EQ(capture.count(LOG_ERR, "error detecting back side firewire interface"), 1u)
+            << capture.dump();
         EXPECT_EQ(errors,
                   " TSD Config this adapter does not exist: firewire0\n"
                   " TSD Config this adapter does not exist: firewire1\n");
@@ -314,7 +316,8 @@ TEST(Config, SideTwoGivesTheRearAddress)
         prepare("RZ", "123456");
         auto rear = firewire("firewire0", 0x123456, "169.254.1.5");
         auto front = firewire("firewire1", 0x000001, "169.254.2.5");
-        EXPECT_EQ(Config::instance().getInterfaceAddress(static_cast<orv::tsd::interface_t>(2)), "169.254.1.5");
+        EXPECT_EQ(Config::instance().getInterfaceAddress(static_cast<orv::tsd::interface_t>(2)),
+                  "169.254.1.5");
     });
 }
 

@@ -65,7 +65,8 @@ public:
         } else {
             const std::string text(line);
             const auto colon = text.rfind(':');
-            m_port = colon == std::string::npos ? 0 : static_cast<unsigned>(std::stoul(text.substr(colon + 1)));
+            m_port =
+                colon == std::string::npos ? 0 : static_cast<unsigned>(std::stoul(text.substr(colon + 1)));
         }
         if (in != nullptr)
             std::fclose(in);
@@ -119,7 +120,8 @@ inline bool runUntil(orv::sys::EventLoop& loop, const std::function<bool()>& con
 inline void runFor(orv::sys::EventLoop& loop, std::chrono::milliseconds period)
 {
     const auto deadline = std::chrono::steady_clock::now() + period;
-    runUntil(loop, [&] { return std::chrono::steady_clock::now() >= deadline; }, period * 2);
+    runUntil(
+        loop, [&] { return std::chrono::steady_clock::now() >= deadline; }, period * 2);
 }
 
 // Records every notification of the states under a prefix.
@@ -141,7 +143,8 @@ public:
         m_peer.addFetchAsync(
             matcher,
             [this](const Json::Value& notification, int) {
-                Event e{notification["event"].asString(), notification["path"].asString(), notification["value"]};
+                Event e{notification["event"].asString(), notification["path"].asString(),
+                        notification["value"]};
                 if (e.event == "remove")
                     m_states.erase(e.path);
                 else

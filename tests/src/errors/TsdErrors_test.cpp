@@ -31,7 +31,8 @@ protected:
         ASSERT_NE(broker.port(), 0u);
         peer = std::make_unique<vela::PeerAsync>(loop, "127.0.0.1", broker.port());
         watcher = std::make_unique<BusWatcher>(loop, broker.port(), "sync/errors/");
-        ASSERT_TRUE(runUntil(loop, [&] { return watcher->ready(); }, 5s));
+        ASSERT_TRUE(runUntil(
+            loop, [&] { return watcher->ready(); }, 5s));
         errors = std::make_unique<TsdErrors>(*peer);
     }
 
@@ -47,7 +48,8 @@ protected:
     bool flushWithMarker(int code)
     {
         errors->add(code, "marker");
-        return runUntil(loop, [&] { return watcher->has("sync/errors/" + std::to_string(code)); }, 5s);
+        return runUntil(
+            loop, [&] { return watcher->has("sync/errors/" + std::to_string(code)); }, 5s);
     }
 
     LocalBroker broker;
@@ -78,7 +80,8 @@ TEST_F(TsdErrorsTest, AddingTwiceKeepsFirstInfoAndPublishesOnce)
 {
     errors->add(-1, "first");
     errors->add(-1, "second");
-    ASSERT_TRUE(runUntil(loop, [&] { return watcher->has("sync/errors/-1"); }, 5s));
+    ASSERT_TRUE(runUntil(
+        loop, [&] { return watcher->has("sync/errors/-1"); }, 5s));
     ASSERT_TRUE(flushWithMarker(-7));
     const Json::Value value = watcher->state("sync/errors/-1");
     EXPECT_EQ(value["error"].asInt(), -1);
@@ -122,7 +125,8 @@ TEST_F(TsdErrorsTest, PositiveCodeFiveHasItsTextAndUnknownCodeGetsEmptyText)
 {
     errors->add(5, "x");
     errors->add(-5, "y");
-    ASSERT_TRUE(runUntil(loop, [&] { return watcher->has("sync/errors/5") && watcher->has("sync/errors/-5"); }, 5s));
+    ASSERT_TRUE(runUntil(
+        loop, [&] { return watcher->has("sync/errors/5") && watcher->has("sync/errors/-5"); }, 5s));
     EXPECT_EQ(watcher->state("sync/errors/5")["txt"].asString(), "Configuration file error");
     EXPECT_EQ(watcher->state("sync/errors/5")["error"].asInt(), 5);
     const Json::Value unknown = watcher->state("sync/errors/-5");
@@ -135,7 +139,8 @@ TEST_F(TsdErrorsTest, PositiveCodeFiveHasItsTextAndUnknownCodeGetsEmptyText)
     ASSERT_EQ(orv::tsd::errorTexts().count(-5), 1u);
     EXPECT_EQ(orv::tsd::errorTexts().at(-5), "");
     errors->remove(-5);
-    ASSERT_TRUE(runUntil(loop, [&] { return !watcher->has("sync/errors/-5"); }, 5s));
+    ASSERT_TRUE(runUntil(
+        loop, [&] { return !watcher->has("sync/errors/-5"); }, 5s));
     EXPECT_EQ(capture.count(LOG_NOTICE, "REMOVE ERROR : "), 1u);
 }
 
@@ -144,9 +149,11 @@ TEST_F(TsdErrorsTest, DestructionRemovesActiveErrorsInAscendingOrder)
     errors->add(-1, "");
     errors->add(-3, "Wrong interface during START seq");
     errors->add(5, "");
-    ASSERT_TRUE(runUntil(loop, [&] { return watcher->states().size() == 3; }, 5s));
+    ASSERT_TRUE(runUntil(
+        loop, [&] { return watcher->states().size() == 3; }, 5s));
     errors.reset();
-    ASSERT_TRUE(runUntil(loop, [&] { return watcher->states().empty(); }, 5s));
+    ASSERT_TRUE(runUntil(
+        loop, [&] { return watcher->states().empty(); }, 5s));
     std::vector<std::string> removed;
     for (const auto& e : watcher->events()) {
         if (e.event == "remove")
@@ -160,18 +167,21 @@ TEST_F(TsdErrorsTest, DestructionRemovesActiveErrorsInAscendingOrder)
 TEST_F(TsdErrorsTest, AddWithLocationComposesInfo)
 {
     errors->add(-4, "cannot open", "Config", "load", 42);
-    ASSERT_TRUE(runUntil(loop, [&] { return watcher->has("sync/errors/-4"); }, 5s));
+    ASSERT_TRUE(runUntil(
+        loop, [&] { return watcher->has("sync/errors/-4"); }, 5s));
     EXPECT_EQ(watcher->state("sync/errors/-4")["info"].asString(), "[42]Config::load[cannot open]");
     EXPECT_EQ(watcher->state("sync/errors/-4")["txt"].asString(), "File open error");
     errors->add(-6, "boom", "S", "f", -3);
-    ASSERT_TRUE(runUntil(loop, [&] { return watcher->has("sync/errors/-6"); }, 5s));
+    ASSERT_TRUE(runUntil(
+        loop, [&] { return watcher->has("sync/errors/-6"); }, 5s));
     EXPECT_EQ(watcher->state("sync/errors/-6")["info"].asString(), "[-3]S::f[boom]");
 }
 
 TEST_F(TsdErrorsTest, PublishedStatesCannotBeSetByOthers)
 {
     errors->add(-1, "");
-    ASSERT_TRUE(runUntil(loop, [&] { return watcher->has("sync/errors/-1"); }, 5s));
+    ASSERT_TRUE(runUntil(
+        loop, [&] { return watcher->has("sync/errors/-1"); }, 5s));
     vela::PeerAsync other(loop, "127.0.0.1", broker.port());
     bool answered = false;
     Json::Value response;
@@ -179,7 +189,8 @@ TEST_F(TsdErrorsTest, PublishedStatesCannotBeSetByOthers)
         response = r;
         answered = true;
     });
-    ASSERT_TRUE(runUntil(loop, [&] { return answered; }, 7s));
+    ASSERT_TRUE(runUntil(
+        loop, [&] { return answered; }, 7s));
     EXPECT_TRUE(response.isMember("error")) << response.toStyledString();
     EXPECT_EQ(watcher->state("sync/errors/-1")["error"].asInt(), -1);
 }

@@ -57,7 +57,8 @@ struct Supervised
         };
         EXPECT_EQ(rear.start(tsdtest::kGroup, tsdtest::kPort, drain), 0);
         EXPECT_EQ(front.start(tsdtest::kGroup, tsdtest::kPort + 1, drain), 0);
-        EXPECT_TRUE(runUntil(net.loop, [&] { return watcher.ready(); }, 5s));
+        EXPECT_TRUE(runUntil(
+            net.loop, [&] { return watcher.ready(); }, 5s));
     }
 
     double secondsSince(Clock::time_point start) const
@@ -80,12 +81,14 @@ TEST(CheckResponse, RearTimeoutSendsResyncThenRaisesMinusOne)
         SyslogCapture capture;
         const auto start = Clock::now();
         s.rearCheck.startWaitPeriod();
-        ASSERT_TRUE(runUntil(s.net.loop, [&] { return !s.net.peer->heard(0).empty(); }, 10s));
+        ASSERT_TRUE(runUntil(
+            s.net.loop, [&] { return !s.net.peer->heard(0).empty(); }, 10s));
         const double resyncAfter = s.secondsSince(start);
         EXPECT_GE(resyncAfter, 3.0);
         EXPECT_LT(resyncAfter, 6.0);
         EXPECT_EQ(s.net.peer->heard(0), (std::vector<std::string>{"<sync>:resync:<sync>"}));
-        ASSERT_TRUE(runUntil(s.net.loop, [&] { return s.watcher.has("sync/errors/-1"); }, 5s));
+        ASSERT_TRUE(runUntil(
+            s.net.loop, [&] { return s.watcher.has("sync/errors/-1"); }, 5s));
         const Json::Value error = s.watcher.state("sync/errors/-1");
         EXPECT_EQ(error["error"].asInt(), -1);
         EXPECT_EQ(error["txt"].asString(), kBackText);
@@ -102,9 +105,11 @@ TEST(CheckResponse, FrontTimeoutSendsFrontResyncThenRaisesMinusTwo)
         Supervised s;
         const auto start = Clock::now();
         s.frontCheck.startWaitPeriod();
-        ASSERT_TRUE(runUntil(s.net.loop, [&] { return s.watcher.has("sync/errors/-2"); }, 10s));
+        ASSERT_TRUE(runUntil(
+            s.net.loop, [&] { return s.watcher.has("sync/errors/-2"); }, 10s));
         EXPECT_GE(s.secondsSince(start), 3.0);
-        ASSERT_TRUE(runUntil(s.net.loop, [&] { return !s.net.peer->heard(1).empty(); }, 5s));
+        ASSERT_TRUE(runUntil(
+            s.net.loop, [&] { return !s.net.peer->heard(1).empty(); }, 5s));
         EXPECT_EQ(s.net.peer->heard(1), (std::vector<std::string>{"<sync>:resync:1:<sync>"}));
         EXPECT_EQ(s.watcher.state("sync/errors/-2")["txt"].asString(),
                   "Did not receive sync notification from all modules on front");
@@ -134,13 +139,16 @@ TEST(CheckResponse, CancelRemovesErrorPendingFromEarlierExpiry)
         Supervised s;
         SyslogCapture capture;
         s.rearCheck.startWaitPeriod();
-        ASSERT_TRUE(runUntil(s.net.loop, [&] { return s.watcher.has("sync/errors/-1"); }, 10s));
+        ASSERT_TRUE(runUntil(
+            s.net.loop, [&] { return s.watcher.has("sync/errors/-1"); }, 10s));
         // The resync makes the side answer again; this time all answers come.
         s.rearCheck.startWaitPeriod();
         runFor(s.net.loop, 200ms);
         s.rearCheck.notify();
-        ASSERT_TRUE(runUntil(s.net.loop, [&] { return !s.watcher.has("sync/errors/-1"); }, 5s));
-        EXPECT_EQ(capture.count(LOG_NOTICE, std::string("REMOVE ERROR : ") + kBackText), 1u) << capture.dump();
+        ASSERT_TRUE(runUntil(
+            s.net.loop, [&] { return !s.watcher.has("sync/errors/-1"); }, 5s));
+        EXPECT_EQ(capture.count(LOG_NOTICE, std::string("REMOVE ERROR : ") + kBackText), 1u)
+            << capture.dump();
         runFor(s.net.loop, 3200ms);
         EXPECT_FALSE(s.watcher.has("sync/errors/-1")) << "the cancelled period must not expire";
         EXPECT_EQ(s.net.peer->heard(0).size(), 1u);
@@ -155,7 +163,8 @@ TEST(CheckResponse, EveryStartGivesAFreshPeriod)
         s.frontCheck.startWaitPeriod();
         runFor(s.net.loop, 2000ms);
         s.frontCheck.startWaitPeriod();
-        ASSERT_TRUE(runUntil(s.net.loop, [&] { return s.watcher.has("sync/errors/-2"); }, 10s));
+        ASSERT_TRUE(runUntil(
+            s.net.loop, [&] { return s.watcher.has("sync/errors/-2"); }, 10s));
         EXPECT_GE(s.secondsSince(start), 5.0);
         EXPECT_EQ(s.net.peer->heard(1).size(), 1u) << "one expiry, one resync";
     });
@@ -167,7 +176,8 @@ TEST(CheckResponse, SetErrorOnlyForwardsToTheErrorState)
         Supervised s;
         s.frontCheck.setError(-3, "Wrong interface during START seq");
         s.frontCheck.setError(-3, "Wrong interface during RESYNC seq");
-        ASSERT_TRUE(runUntil(s.net.loop, [&] { return s.watcher.has("sync/errors/-3"); }, 5s));
+        ASSERT_TRUE(runUntil(
+            s.net.loop, [&] { return s.watcher.has("sync/errors/-3"); }, 5s));
         EXPECT_EQ(s.watcher.state("sync/errors/-3")["info"].asString(), "Wrong interface during START seq");
         runFor(s.net.loop, 200ms);
         EXPECT_TRUE(s.net.peer->heard(1).empty());

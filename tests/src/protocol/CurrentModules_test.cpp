@@ -110,8 +110,9 @@ TEST(CurrentModules, CompleteListIsSortedWithHighestLast)
         order.push_back(item.uuid);
     EXPECT_EQ(order, (std::vector<unsigned>{0x42, 0x10, 0x20}));
     EXPECT_EQ(modules.getHighest(REAR_FW).uuid, 0x20u);
-    EXPECT_EQ(capture.count(LOG_DEBUG,
-                            "UPDATED LIST(0): uuid(10) = 16 module = 12 prio = 3 threshold = 1 BUS 0fw->size() = 3"),
+    EXPECT_EQ(capture.count(
+                  LOG_DEBUG,
+                  "UPDATED LIST(0): uuid(10) = 16 module = 12 prio = 3 threshold = 1 BUS 0fw->size() = 3"),
               1u)
         << capture.dump();
 }

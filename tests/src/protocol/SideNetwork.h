@@ -34,8 +34,8 @@ const char kGroup[] = "239.255.77.1";
 inline std::string nodeIdAddress(unsigned low24)
 {
     char text[32];
-    std::snprintf(text, sizeof text, "00:0a:7c:31:00:%02x:%02x:%02x", (low24 >> 16) & 0xFF, (low24 >> 8) & 0xFF,
-                  low24 & 0xFF);
+    std::snprintf(text, sizeof text, "00:0a:7c:31:00:%02x:%02x:%02x", (low24 >> 16) & 0xFF,
+                  (low24 >> 8) & 0xFF, low24 & 0xFF);
     return text;
 }
 
@@ -71,9 +71,11 @@ inline void prepareIdentity(unsigned uuid, const std::string& group = kGroup, un
 inline void addCable(const std::string& ownName, const std::string& peerName, const std::string& peerNs,
                      unsigned nodeLow24, const std::string& ownAddress, const std::string& peerAddress)
 {
-    ASSERT_TRUE(orvtest::run("ip link add " + ownName + " type veth peer name " + peerName + " netns " + peerNs));
+    ASSERT_TRUE(
+        orvtest::run("ip link add " + ownName + " type veth peer name " + peerName + " netns " + peerNs));
     ASSERT_TRUE(orvtest::overlayFile("/sys/class/net/" + ownName + "/type", "24\n"));
-    ASSERT_TRUE(orvtest::overlayFile("/sys/class/net/" + ownName + "/address", nodeIdAddress(nodeLow24) + "\n"));
+    ASSERT_TRUE(
+        orvtest::overlayFile("/sys/class/net/" + ownName + "/address", nodeIdAddress(nodeLow24) + "\n"));
     ASSERT_TRUE(orvtest::run("ip addr add " + ownAddress + "/24 dev " + ownName));
     ASSERT_TRUE(orvtest::run("ip link set " + ownName + " up"));
     ASSERT_TRUE(orvtest::run("ip -n " + peerNs + " addr add " + peerAddress + "/24 dev " + peerName));
@@ -97,27 +99,29 @@ public:
             if (!m_adapters->contains(orvtest::interfaceIndex(name)))
                 continue;
             m_adapter[side] = m_adapters->getAdapterByName(name);
-            EXPECT_EQ(m_servers[side]->start(kGroup, port + static_cast<unsigned>(side),
-                                             [this, side](orv::communication::MulticastServer& server) {
-                                                 char buffer[65536];
-                                                 orv::communication::Netadapter from;
-                                                 int index = 0;
-                                                 const int n = server.receiveTelegram(buffer, sizeof buffer,
-                                                                                      from, index);
-                                                 if (n > 0)
-                                                     m_heard[side].emplace_back(buffer, static_cast<size_t>(n));
-                                                 return n;
-                                             }),
+            EXPECT_EQ(m_servers[side]->start(
+                          kGroup, port + static_cast<unsigned>(side),
+                          [this, side](orv::communication::MulticastServer& server) {
+                              char buffer[65536];
+                              orv::communication::Netadapter from;
+                              int index = 0;
+                              const int n = server.receiveTelegram(buffer, sizeof buffer, from, index);
+                              if (n > 0)
+                                  m_heard[side].emplace_back(buffer, static_cast<size_t>(n));
+                              return n;
+                          }),
                       0);
             m_servers[side]->setMulticastLoop(false);
-            EXPECT_EQ(m_servers[side]->addInterface(static_cast<int>(m_adapter[side].getInterfaceIndex())), 0);
+            EXPECT_EQ(m_servers[side]->addInterface(static_cast<int>(m_adapter[side].getInterfaceIndex())),
+                      0);
         }
     }
 
     // Sends text over the peer's end of the side's cable.
     void send(int side, const std::string& text)
     {
-        EXPECT_GT(m_servers[side]->sendOverInterface(m_adapter[side], text, 1), 0) << text;
+        EXPECT_EQ(m_servers[side]->sendOverInterface(m_adapter[side], text, 1), static_cast<int>(text.size()))
+            << text;
     }
     std::vector<std::string>& heard(int side) { return m_heard[side]; }
 

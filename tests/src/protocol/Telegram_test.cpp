@@ -85,9 +85,9 @@ TEST(Telegram, RearItemFieldsComeOutAsText)
 
 TEST(Telegram, BadFramesAreInvalidFormat)
 {
-    for (const char* text : {"", "<sync>", "<sync>:start", "<sync>:<sync>", "<sync>:item:1:2:3:4:<SYNC>",
-                             "<SYNC>:start:<SYNC>", "x:start:x", ":::", "<sync>:start:<sync>:",
-                             " <sync>:start:<sync>", "<sync>:start:<sync> "}) {
+    for (const char* text :
+         {"", "<sync>", "<sync>:start", "<sync>:<sync>", "<sync>:item:1:2:3:4:<SYNC>", "<SYNC>:start:<SYNC>",
+          "x:start:x", ":::", "<sync>:start:<sync>:", " <sync>:start:<sync>", "<sync>:start:<sync> "}) {
         EXPECT_EQ(decodeText(text).kind, Kind::BadFormat) << '"' << text << '"';
     }
 }
@@ -95,8 +95,8 @@ TEST(Telegram, BadFramesAreInvalidFormat)
 TEST(Telegram, UnknownCommandsAndCountsAreInvalidMessages)
 {
     for (const char* text : {"<sync>:hello:<sync>", "<sync>:item:1:2:<sync>", "<sync>:start:1:2:<sync>",
-                             "<sync>:resync:1:2:3:<sync>", "<sync>:item:1:2:3:4:5:6:<sync>",
-                             "<sync>::<sync>", "<sync>:START:<sync>", "<sync>:<sync>:<sync>"}) {
+                             "<sync>:resync:1:2:3:<sync>", "<sync>:item:1:2:3:4:5:6:<sync>", "<sync>::<sync>",
+                             "<sync>:START:<sync>", "<sync>:<sync>:<sync>"}) {
         EXPECT_EQ(decodeText(text).kind, Kind::Unknown) << '"' << text << '"';
     }
 }
