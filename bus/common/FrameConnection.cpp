@@ -6,7 +6,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <vector>
 
 namespace vela {
 
@@ -17,7 +19,32 @@ constexpr std::size_t kReadChunk = 64 * 1024;
 // others keep being served.
 constexpr int kReadsPerEvent = 16;
 
+thread_local int t_batchDepth = 0;
+thread_local std::vector<FrameConnection*> t_dirty;
+
 }  // namespace
+
+FrameConnection::Batch::Batch()
+{
+    ++t_batchDepth;
+}
+
+FrameConnection::Batch::~Batch()
+{
+    if (--t_batchDepth == 0) {
+        flushBatch();
+    }
+}
+
+void FrameConnection::flushBatch()
+{
+    std::vector<FrameConnection*> dirty;
+    dirty.swap(t_dirty);
+    for (FrameConnection* c : dirty) {
+        c->m_dirty = false;
+        c->writeNow();
+    }
+}
 
 FrameConnection::FrameConnection(orv::sys::EventLoop& loop, int fd, std::size_t maxFrameSize,
                                  FrameHandler onFrame, BadFrameHandler onBadFrame, CloseHandler onClose)
@@ -39,6 +66,9 @@ FrameConnection::FrameConnection(orv::sys::EventLoop& loop, int fd, std::size_t 
 FrameConnection::~FrameConnection()
 {
     *m_alive = false;
+    if (m_dirty) {
+        t_dirty.erase(std::find(t_dirty.begin(), t_dirty.end(), this));
+    }
     m_loop.removeFd(m_fd);
     ::close(m_fd);
 }
@@ -52,7 +82,45 @@ void FrameConnection::send(std::string_view payload)
         m_out.clear();
         m_outOffset = 0;
     }
+    const bool wasEmpty = backlog() == 0;
     appendFrame(m_out, payload);
+    if (t_batchDepth > 0) {
+        if (!m_dirty) {
+            m_dirty = true;
+            t_dirty.push_back(this);
+        }
+        return;
+    }
+    if (wasEmpty) {
+        writeNow();
+    } else {
+        updateInterest();
+    }
+}
+
+void FrameConnection::writeNow()
+{
+    if (m_failure != 0) {
+        return;
+    }
+    while (backlog() > 0) {
+        ssize_t n = ::send(m_fd, m_out.data() + m_outOffset, backlog(), MSG_NOSIGNAL);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            if (errno != EAGAIN && errno != EWOULDBLOCK) {
+                abort(-errno);
+                return;
+            }
+            break;
+        }
+        m_outOffset += static_cast<std::size_t>(n);
+    }
+    if (m_outOffset == m_out.size()) {
+        m_out.clear();
+        m_outOffset = 0;
+    }
     updateInterest();
 }
 
@@ -110,6 +178,7 @@ void FrameConnection::onEvents(std::uint32_t events)
 bool FrameConnection::readAll()
 {
     std::shared_ptr<bool> alive = m_alive;
+    Batch batch;
     char buf[kReadChunk];
     for (int i = 0; i < kReadsPerEvent && m_reading; ++i) {
         ssize_t n = ::read(m_fd, buf, sizeof buf);

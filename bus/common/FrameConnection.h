@@ -17,10 +17,13 @@ namespace vela {
 // One connected, non-blocking stream socket carrying frames, registered on an
 // EventLoop. Owns the fd, the receive decoder and the send buffer.
 //
-// Sending never blocks: frames are appended to the buffer and written when
-// the loop reports the socket writable, so that all frames produced in one
-// dispatch round leave in one write. Any handler may destroy the connection;
-// the connection touches nothing of itself after a handler that did.
+// Sending never blocks: a frame is written at once when nothing is queued;
+// whatever the socket does not take waits for EPOLLOUT. Frames sent while a
+// Batch is open (every frame handler runs inside one) are written together
+// when the outermost Batch closes, so that a burst of input that fans out to
+// many peers costs one write per peer, not one per frame. Any handler may
+// destroy the connection; the connection touches nothing of itself after a
+// handler that did.
 class FrameConnection
 {
 public:
@@ -32,6 +35,17 @@ public:
     // done), else a negative errno. Called once; the owner should destroy
     // the connection.
     using CloseHandler = std::function<void(int error)>;
+
+    // Defers the writes of every connection of this thread until the
+    // outermost Batch ends. Batches nest.
+    class Batch
+    {
+    public:
+        Batch();
+        ~Batch();
+        Batch(const Batch&) = delete;
+        Batch& operator=(const Batch&) = delete;
+    };
 
     FrameConnection(orv::sys::EventLoop& loop, int fd, std::size_t maxFrameSize, FrameHandler onFrame,
                     BadFrameHandler onBadFrame, CloseHandler onClose);
@@ -62,7 +76,8 @@ private:
     std::uint32_t m_events = 0;
     bool m_reading = true;
     bool m_closing = false;
-    int m_failure = 0;  // a negative errno waiting to be reported from the loop
+    bool m_dirty = false;  // queued in the open Batch
+    int m_failure = 0;     // a negative errno waiting to be reported from the loop
     // Cleared by the destructor; a handler that destroyed the connection
     // leaves the dispatching code a way to notice.
     std::shared_ptr<bool> m_alive;
@@ -71,6 +86,10 @@ private:
     // Returns false when a handler destroyed the connection.
     bool readAll();
     bool flush();
+    // Writes what the socket takes; a failure is handed to the loop (abort)
+    // instead of being reported from inside the caller.
+    void writeNow();
+    static void flushBatch();
     void updateInterest();
     void reportClose(int err);
 };

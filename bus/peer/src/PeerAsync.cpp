@@ -229,6 +229,8 @@ struct PeerAsync::Impl
     void established(int fd)
     {
         std::shared_ptr<bool> guard = alive;
+        // The whole replay leaves in as few writes as the socket allows.
+        FrameConnection::Batch batch;
         conn = std::make_unique<FrameConnection>(
             loop, fd, kMaxBrokerFrameSize, [this](std::string_view payload) { onFrame(payload); },
             [this](std::uint32_t length) {
