@@ -650,6 +650,8 @@ TEST(MulticastServer, MulticastOverLinkType24TapsRelayedAsBroadcast)
                 if (n < 14) {
                     return;
                 }
+                // The kernel leaves the destination of these frames all zero,
+                // which the receiving side would drop as meant for another host.
                 std::memset(frame, 0xff, 6);
                 if (::write(to, frame, static_cast<std::size_t>(n)) == n) {
                     ++relayed;
