@@ -36,12 +36,13 @@ inline std::string binDir()
     return exe.substr(0, exe.rfind('/'));
 }
 
-// A velad on 127.0.0.1 with a port the kernel picked.
+// A velad on 127.0.0.1, by default with a port the kernel picked.
 class LocalBroker
 {
 public:
-    LocalBroker()
+    explicit LocalBroker(unsigned port = 0)
     {
+        const std::string portText = std::to_string(port);
         int out[2];
         if (::pipe(out) != 0) {
             ADD_FAILURE() << "pipe";
@@ -53,7 +54,8 @@ public:
             ::dup2(out[1], STDOUT_FILENO);
             ::close(out[0]);
             ::close(out[1]);
-            ::execl(velad.c_str(), "velad", "--port", "0", "--quiet", static_cast<char*>(nullptr));
+            ::execl(velad.c_str(), "velad", "--port", portText.c_str(), "--quiet",
+                    static_cast<char*>(nullptr));
             ::_exit(127);
         }
         ::close(out[1]);

@@ -125,11 +125,48 @@ public:
     }
     std::vector<std::string>& heard(int side) { return m_heard[side]; }
 
+    // One more server at the peer's end of a cable, on another port (a
+    // module wired differently would use it). Returns its number.
+    int addExtra(orv::sys::EventLoop& loop, const orvtest::Netns& ns, int cable, unsigned port)
+    {
+        orvtest::Netns::Inside inside(ns);
+        auto server = std::make_unique<orv::communication::MulticastServer>(*m_adapters, loop);
+        const int id = static_cast<int>(m_extras.size());
+        m_extraHeard.emplace_back();
+        EXPECT_EQ(server->start(kGroup, port,
+                                [this, id](orv::communication::MulticastServer& s) {
+                                    char buffer[65536];
+                                    orv::communication::Netadapter from;
+                                    int index = 0;
+                                    const int n = s.receiveTelegram(buffer, sizeof buffer, from, index);
+                                    if (n > 0)
+                                        m_extraHeard[static_cast<std::size_t>(id)].emplace_back(
+                                            buffer, static_cast<size_t>(n));
+                                    return n;
+                                }),
+                  0);
+        server->setMulticastLoop(false);
+        EXPECT_EQ(server->addInterface(static_cast<int>(m_adapter[cable].getInterfaceIndex())), 0);
+        m_extras.push_back(std::move(server));
+        m_extraCable.push_back(cable);
+        return id;
+    }
+    void sendExtra(int id, const std::string& text)
+    {
+        const auto i = static_cast<std::size_t>(id);
+        EXPECT_EQ(m_extras[i]->sendOverInterface(m_adapter[m_extraCable[i]], text, 1),
+                  static_cast<int>(text.size()));
+    }
+    std::vector<std::string>& heardExtra(int id) { return m_extraHeard[static_cast<std::size_t>(id)]; }
+
 private:
     std::unique_ptr<orv::communication::NetadapterList> m_adapters;
     std::unique_ptr<orv::communication::MulticastServer> m_servers[2];
     orv::communication::Netadapter m_adapter[2];
     std::vector<std::string> m_heard[2];
+    std::vector<std::unique_ptr<orv::communication::MulticastServer>> m_extras;
+    std::vector<int> m_extraCable;
+    std::vector<std::vector<std::string>> m_extraHeard;
 };
 
 // The whole arrangement: identity, both cables and the peer.
