@@ -204,3 +204,49 @@ TEST(ThreeModulesElection, FailingScriptsAreLoggedAndTheMasterStillElected)
         EXPECT_TRUE(m->tsdRunning()) << m->name();
     }
 }
+
+TEST(SingleModuleBadInput, ParameterValuesOfWrongTypesAreSurvived)
+{
+    tsdsim::World world;
+    tsdsim::Bus& bus = world.addBus("chain");
+    tsdsim::ModuleSpec s = spec("solo", kUuidA);
+    s.publishParam = false;  // this test owns "sync/param" itself
+    Module& solo = world.addModule(s);
+    world.plug(solo, Side::Rear, bus);
+    ASSERT_TRUE(world.startAll());
+
+    // Wrong JSON types, then a good value, from a participant of the module's
+    // own bus; the daemon's bus library reports what the daemon threw.
+    const std::string script =
+        "(echo 'add sync/param {\"timesource\": \"Ptp\", \"threshold\": \"high\"}'; sleep 0.5;"
+        " echo 'change sync/param {\"timesource\": [1]}'; sleep 0.5;"
+        " echo 'change sync/param {\"timesource\": \"Ptp\", \"threshold\": 2, \"ptp4l\": \"-4 -i firewire0\","
+        " \"ntpserver\": \"127.0.0.1\"}'; sleep 2) | " +
+        world.binDir() + "/vela --port 11122 own";
+    std::string output;
+    const int status = solo.run({"/bin/sh", "-c", script}, &output, 10s);
+    EXPECT_TRUE(status >= 0 && WIFEXITED(status)) << status << " " << output;
+
+    std::size_t thrown = 0;
+    for (const auto& line : solo.syslog()) {
+        if (line.text.find("fetch callback threw") != std::string::npos) {
+            ++thrown;
+        }
+    }
+    EXPECT_EQ(thrown, 2u) << dump(world);
+    ASSERT_TRUE(solo.tsdRunning());
+
+    // The good value restarted the election: alone, and serving PTP.
+    ASSERT_TRUE(world.waitFor(
+        [&] {
+            const Json::Value app = solo.state("sync/app");
+            return app.isObject() && app["mode_back"].asInt() == 1 &&
+                   app["master_threshold_back"].asDouble() == 2.0 && follows(solo, kUuidA);
+        },
+        10s))
+        << dump(world);
+    ASSERT_TRUE(world.waitFor([&] { return servesPtp(solo); }, 10s)) << dump(world);
+    EXPECT_EQ(solo.runFile("timesync/ptp4l.cfg"), "-4 -i firewire0\n");
+    const int st = solo.stopTsd(SIGTERM, 10s);
+    EXPECT_TRUE(st >= 0 && WIFEXITED(st) && WEXITSTATUS(st) == 0) << "wait status " << st;
+}
