@@ -306,6 +306,59 @@ TEST_F(PeerAsyncTest, SilentOwnerMakesTheSetTimeOut)
     ::close(fd);
 }
 
+TEST_F(PeerAsyncTest, PeerThatStopsReadingIsDroppedAndOthersGetEverything)
+{
+    vela::Broker::Options o;
+    o.port = 0;
+    o.quiet = true;
+    // Above what one read burst (16 x 64 KiB) fans out to a peer, far below
+    // what the stuck peer is sent.
+    o.maxBacklog = 4 * 1024 * 1024;
+    broker = std::make_unique<vela::Broker>(loop, o);
+    ASSERT_EQ(broker->start(), 0);
+    port = broker->port();
+
+    // A fetcher that never reads: a raw socket nobody services.
+    bool inProgress = false;
+    int fd = vela::socket::connectTcp("127.0.0.1", port, &inProgress);
+    ASSERT_GE(fd, 0);
+    int small = 4096;
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    ASSERT_TRUE(runUntil(loop, [&] { return broker->core().connectionCount() == 1; }));
+    std::string out;
+    vela::appendFrame(out, R"({"jsonrpc":"2.0","id":1,"method":"hello","params":{"protocol":1}})");
+    vela::appendFrame(out, R"({"jsonrpc":"2.0","id":2,"method":"fetch","params":{"id":1,"matcher":{}}})");
+    ASSERT_EQ(::send(fd, out.data(), out.size(), MSG_NOSIGNAL), static_cast<ssize_t>(out.size()));
+
+    auto owner = peer();
+    auto fetcher = peer();
+    Recorder rec;
+    fetcher->addFetchAsync(vela::matcher_t{}, rec.callback(), rec.response());
+    std::optional<Json::Value> added;
+    owner->addStateAsync("load", 0, store(added));
+    ASSERT_TRUE(runUntil(loop, [&] { return added && rec.answer; }));
+    ASSERT_EQ(broker->core().connectionCount(), 3u);
+
+    constexpr int kChanges = 2000;
+    const std::string pad(4000, 'x');
+    for (int i = 1; i <= kChanges; ++i) {
+        Json::Value v(Json::objectValue);
+        v["i"] = i;
+        v["pad"] = pad;
+        owner->notifyState("load", v);
+    }
+    ASSERT_TRUE(runUntil(
+        loop, [&] { return rec.count("change") == kChanges; }, 20s))
+        << rec.count("change") << " changes, " << broker->core().connectionCount() << " connections";
+    EXPECT_EQ(rec.last("load")->value["i"], kChanges);
+    EXPECT_EQ(rec.count("add"), 1u);  // never dropped and re-fetched
+    // 8 MB for a reader that takes nothing: it was cut off, the others stay.
+    ASSERT_TRUE(runUntil(loop, [&] { return broker->core().connectionCount() == 2; }));
+    EXPECT_TRUE(owner->isConnected());
+    EXPECT_TRUE(fetcher->isConnected());
+    ::close(fd);
+}
+
 TEST_F(PeerAsyncTest, OwnerDisconnectRemovesItsStatesAndFetchersSeeRemove)
 {
     startBroker();
