@@ -123,6 +123,9 @@ int main(int argc, char** argv)
     bool tty = ::isatty(json ? 2 : 1) != 0;
 
     int rc = 0;
+    if (tty) {
+        live << "\033[2J" << std::flush;
+    }
     {
         tsdsim::Scenario scenario(chain, options);
         try {
@@ -152,15 +155,20 @@ int main(int argc, char** argv)
         };
         auto onTick = [&] {
             if (tty) {
-                std::string screen = "\033[H\033[2J";
                 char head[160];
                 std::snprintf(head, sizeof head, "tsdsim  %zu modules  %.1f / %.0f s   (Ctrl-C stops)\n\n",
                               chain.modules.size(), scenario.now(), chain.duration);
-                screen += head + scenario.table() + "\nRecent events:\n";
+                std::string text = head + scenario.table() + "\nRecent events:\n";
                 for (const auto& r : recent) {
-                    screen += "  " + r + "\n";
+                    text += "  " + r + "\n";
                 }
-                live << screen << std::flush;
+                // Overwrite in place, line by line, instead of clearing the
+                // screen first: no flicker.
+                std::string screen = "\033[H";
+                for (char c : text) {
+                    screen += c == '\n' ? std::string("\033[K\n") : std::string(1, c);
+                }
+                live << screen << "\033[J" << std::flush;
             } else if (scenario.now() - lastPlain >= 5.0) {
                 lastPlain = scenario.now();
                 char head[64];
@@ -176,7 +184,7 @@ int main(int argc, char** argv)
         }
         scenario.finish();
         if (tty) {
-            live << "\033[H\033[2J" << scenario.table() << "\n" << std::flush;
+            live << "\033[H\033[J" << scenario.table() << "\n" << std::flush;
         }
         if (json) {
             Json::StreamWriterBuilder b;

@@ -545,12 +545,24 @@ std::string Scenario::summaryText() const
                                        : m["tsdExit"].asString());
         }
         o << ".\n";
-        int raised = 0;
+        // Pair each raised error with its clearing, in order.
+        std::map<std::string, std::string> open;
+        std::vector<std::string> errorLines;
         for (const auto& e : m["errorsSeen"]) {
-            raised += e["event"] == "raised" ? 1 : 0;
+            std::string code = e["code"].asString();
+            if (e["event"] == "raised") {
+                open[code] = "error " + code + " (" + e["txt"].asString() + ") raised at " +
+                             seconds(e["time"].asDouble());
+            } else if (open.count(code)) {
+                errorLines.push_back(open[code] + ", cleared at " + seconds(e["time"].asDouble()));
+                open.erase(code);
+            }
         }
-        if (raised > 0) {
-            o << "      (" << raised << " error(s) raised during the run)\n";
+        for (const auto& o2 : open) {
+            errorLines.push_back(o2.second + ", still active");
+        }
+        for (const auto& l : errorLines) {
+            o << "      " << l << "\n";
         }
         std::string calls;
         for (const auto& c : m["scriptCalls"]) {
