@@ -24,6 +24,14 @@
 // a receiver is a member on an interface is seen by whether it hears what
 // the peer module sends over that cable.
 
+namespace orv::tsd {
+class ConfigTestAccess
+{
+public:
+    static void setGateway(Config& config, bool on) { config.m_isKPModule = on; }
+};
+}  // namespace orv::tsd
+
 using namespace std::chrono_literals;
 using orv::communication::Netlink;
 using orv::tsd::adapterList;
@@ -318,4 +326,39 @@ TEST(Debug, SwitchIsOffAtStartAndLogLinesGoOutAtDebugPriority)
     // debugLog does not look at the switch and passes percent signs through.
     orv::tsd::debugLog("100% sure %s ");
     EXPECT_EQ(capture.count(LOG_DEBUG, "100% sure %s "), 1u) << capture.dump();
+}
+
+TEST(TsdMain, GatewayWithoutFrontAddressLogsTheMissingFront)
+{
+    isolated([] {
+        tsdtest::SideNetwork net(false);
+        orv::tsd::ConfigTestAccess::setGateway(orv::tsd::Config::instance(), true);
+        SyslogCapture capture;
+        // A stop that waits in the loop lets the body run once through and
+        // tear down.
+        orv::tsd::eventloop.stop();
+        std::string program = "tsd";
+        char* argv[] = {program.data(), nullptr};
+        EXPECT_EQ(orv::tsd::tsdMain(1, argv), 0);
+        EXPECT_EQ(capture.count(LOG_ERR, "front side interface not available!"), 1u) << capture.dump();
+        EXPECT_FALSE(receiverFront.isStarted());
+        EXPECT_TRUE(receiverRear.isStarted());
+        receiverRear.stop();
+    });
+}
+
+TEST(TsdMain, PlainModuleWithoutFrontAddressSaysNothingAboutTheFront)
+{
+    isolated([] {
+        tsdtest::SideNetwork net(false);
+        orv::tsd::Config::instance();
+        SyslogCapture capture;
+        orv::tsd::eventloop.stop();
+        std::string program = "/usr/sbin/tsd";
+        char* argv[] = {program.data(), nullptr};
+        EXPECT_EQ(orv::tsd::tsdMain(1, argv), 0);
+        EXPECT_EQ(capture.countText("front side interface not available!"), 0u) << capture.dump();
+        EXPECT_FALSE(receiverFront.isStarted());
+        receiverRear.stop();
+    });
 }

@@ -394,3 +394,41 @@ TEST(TsdProcess, LinkMonitorReportsThePortsAtStart)
         EXPECT_EQ(tsd.wait(10s), 0);
     });
 }
+
+TEST(TsdProcess, ConfigurationFullOfWrongValuesLeavesTheDaemonRunning)
+{
+    isolated([] {
+        Surroundings s;
+        ASSERT_TRUE(PrivateMounts::writeFile(
+            "/etc/TimeSourceDaemonConfig.xml",
+            std::string("<TimeSyncDaemon><Junk/><MultiCastParam><Address>") + tsdtest::kGroup +
+                "</Address><Port>14000xyz</Port></MultiCastParam><PrioLevel><ModuleType>noise<RZ>ten</RZ>"
+                "<KP>-1</KP></ModuleType><TimeSource><Ptp>99999999999999999999</Ptp></TimeSource></PrioLevel>"
+                "</TimeSyncDaemon>"));
+        SyslogCapture capture;
+        Tsd tsd;
+        ASSERT_TRUE(s.waitRunning(tsd)) << tsd.err() << capture.dump();
+        // RZ "ten" is level 0: the module announces module priority 0.
+        s.net.peer->send(0, "<sync>:start:<sync>");
+        ASSERT_TRUE(runUntil(
+            s.net.loop, [&] { return !s.net.peer->heard(0).empty(); }, 5s));
+        EXPECT_EQ(s.net.peer->heard(0).front(), "<sync>:item:123456:0:0:0:<sync>");
+        EXPECT_EQ(capture.count(LOG_INFO, "MOD_PRIO : 0"), 1u) << capture.dump();
+        tsd.signal(SIGTERM);
+        EXPECT_EQ(tsd.wait(10s), 0);
+    });
+}
+
+TEST(TsdProcess, WithoutConfigurationTheRearReceiverCannotStartAndEndsWith255)
+{
+    isolated([] {
+        Surroundings s;
+        ASSERT_TRUE(PrivateMounts::removeEntry("/etc/TimeSourceDaemonConfig.xml"));
+        SyslogCapture capture;
+        Tsd tsd;
+        EXPECT_EQ(tsd.wait(10s), 255);
+        EXPECT_EQ(capture.count(LOG_ERR, "Missing configuration file TimeSourceDaemonConfig.xml"), 1u)
+            << capture.dump();
+        EXPECT_EQ(capture.count(LOG_ERR, "could not start back side multicast receiver!"), 1u);
+    });
+}
