@@ -317,15 +317,17 @@ TEST(SignalHandler, TerminationSignalsStopTheLoopWithSaRestart)
 
 TEST(Debug, SwitchIsOffAtStartAndLogLinesGoOutAtDebugPriority)
 {
-    EXPECT_FALSE(orv::tsd::isDebugMode());
-    orv::tsd::setDebugModeFlag(true);
-    EXPECT_TRUE(orv::tsd::isDebugMode());
-    orv::tsd::setDebugModeFlag(false);
-    EXPECT_FALSE(orv::tsd::isDebugMode());
-    SyslogCapture capture;
-    // debugLog does not look at the switch and passes percent signs through.
-    orv::tsd::debugLog("100% sure %s ");
-    EXPECT_EQ(capture.count(LOG_DEBUG, "100% sure %s "), 1u) << capture.dump();
+    isolated([] {
+        EXPECT_FALSE(orv::tsd::isDebugMode());
+        orv::tsd::setDebugModeFlag(true);
+        EXPECT_TRUE(orv::tsd::isDebugMode());
+        orv::tsd::setDebugModeFlag(false);
+        EXPECT_FALSE(orv::tsd::isDebugMode());
+        SyslogCapture capture;
+        // debugLog does not look at the switch and passes percent signs through.
+        orv::tsd::debugLog("100% sure %s ");
+        EXPECT_EQ(capture.count(LOG_DEBUG, "100% sure %s "), 1u) << capture.dump();
+    });
 }
 
 TEST(TsdMain, GatewayWithoutFrontAddressLogsTheMissingFront)
