@@ -28,7 +28,10 @@ std::map<int, std::string> makeErrorTexts()
 
 // Fills the table during static initialisation, so that it exists before
 // main whatever the order in which other translation units start.
-const bool g_errorTextsReady = !errorTexts().empty();
+struct ErrorTextsBeforeMain
+{
+    ErrorTextsBeforeMain() { errorTexts(); }
+} const g_errorTextsBeforeMain;
 
 std::string errorPath(int code)
 {
@@ -45,10 +48,7 @@ std::map<int, std::string>& errorTexts()
     return texts;
 }
 
-TsdErrors::TsdErrors(vela::PeerAsync& peer) : m_peer(peer)
-{
-    (void)g_errorTextsReady;
-}
+TsdErrors::TsdErrors(vela::PeerAsync& peer) : m_peer(peer) {}
 
 TsdErrors::~TsdErrors()
 {
