@@ -344,26 +344,19 @@ private:
 
 // Recording stand-ins for /bin/ptp4ladm.sh, /bin/start_ntpd.sh and
 // /bin/stop_ntpd.sh: each appends "name args" to a log and exits with the
-// status found in its status file (0 when there is none).
+// status found in its status file (0 when there is none). The scripts are
+// written once per process (a backgrounded start may still be running one
+// when the next test begins); each clear() starts a new log, named in the
+// environment, which a script inherits when it is started, so that a late
+// backgrounded script still writes to the log of the test that started it.
 class ScriptStandIns
 {
 public:
     ScriptStandIns()
     {
-        m_dir = testsupport::PrivateMounts::scratchDir("scripts");
-        EXPECT_TRUE(testsupport::PrivateMounts::shadow("/usr/bin"));
-        for (const char* name : {"ptp4ladm.sh", "start_ntpd.sh", "stop_ntpd.sh"}) {
-            const std::string script =
-                "#!/bin/sh\n"
-                "echo \"" +
-                std::string(name) + " $*\" >> " + m_dir +
-                "/calls.log\n"
-                "status=$(cat " +
-                m_dir + "/" + name +
-                ".status 2>/dev/null)\n"
-                "exit ${status:-0}\n";
-            EXPECT_TRUE(testsupport::PrivateMounts::writeFile(std::string("/usr/bin/") + name, script, 0755));
-        }
+        static const std::string dir = install();
+        m_dir = dir;
+        clear();
     }
 
     void setStatus(const std::string& script, int status)
@@ -372,7 +365,9 @@ public:
     }
     void clear()
     {
-        std::remove((m_dir + "/calls.log").c_str());
+        static int generation = 0;
+        m_log = m_dir + "/calls-" + std::to_string(++generation) + ".log";
+        ::setenv("TSD_TEST_SCRIPT_LOG", m_log.c_str(), 1);
         for (const char* name : {"ptp4ladm.sh", "start_ntpd.sh", "stop_ntpd.sh"}) {
             std::remove((m_dir + "/" + name + ".status").c_str());
         }
@@ -380,7 +375,7 @@ public:
     std::vector<std::string> calls() const
     {
         std::vector<std::string> lines;
-        std::istringstream text(readFile(m_dir + "/calls.log"));
+        std::istringstream text(readFile(m_log));
         std::string line;
         while (std::getline(text, line)) {
             lines.push_back(line);
@@ -401,7 +396,27 @@ public:
     }
 
 private:
+    static std::string install()
+    {
+        const std::string dir = testsupport::PrivateMounts::scratchDir("scripts");
+        EXPECT_TRUE(testsupport::PrivateMounts::shadow("/usr/bin"));
+        for (const char* name : {"ptp4ladm.sh", "start_ntpd.sh", "stop_ntpd.sh"}) {
+            const std::string script =
+                "#!/bin/sh\n"
+                "echo \"" +
+                std::string(name) +
+                " $*\" >> \"$TSD_TEST_SCRIPT_LOG\"\n"
+                "status=$(cat " +
+                dir + "/" + name +
+                ".status 2>/dev/null)\n"
+                "exit ${status:-0}\n";
+            EXPECT_TRUE(testsupport::PrivateMounts::writeFile(std::string("/usr/bin/") + name, script, 0755));
+        }
+        return dir;
+    }
+
     std::string m_dir;
+    std::string m_log;
 };
 
 // A private /run whose timesync directory starts absent. Only ever removes
