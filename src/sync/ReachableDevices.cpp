@@ -1,6 +1,7 @@
-// Which modules take part in an election is not learnt from telegrams but
-// from the bus, where one state per reachable FireWire device is published as
-// "reachableDevices/firewire/<interface>/<64-bit id in hex>". The lists kept
+// Which modules join an election is not learnt from telegrams but from the
+// bus, where one state per reachable FireWire device is published as
+// "reachableDevices/<local interface>/<64-bit node id in hex>", e.g.
+// "reachableDevices/firewire0/0A7C31ABCDEF". The lists kept
 // here feed the next initState(); a burst of changes restarts the election
 // once, when the set has been quiet for kReachableDelayMs.
 #include <syslog.h>

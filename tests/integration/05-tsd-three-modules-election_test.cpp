@@ -1,7 +1,7 @@
 // Three real tsd processes, each in namespaces of its own with its own velad,
-// on one simulated FireWire bus. The platform's part is played by the
-// simulator: it publishes each module's reachable devices and "sync/param"
-// on the module's bus. The modules elect one master once the devices have
+// on one simulated FireWire bus. The simulator stands in for the platform:
+// it publishes each module's reachable devices and "sync/param" on the
+// module's bus. The modules elect one master once the devices have
 // been quiet for 3000 ms; the master alone serves time; when it goes away
 // the other two elect a new one.
 #include <gtest/gtest.h>
