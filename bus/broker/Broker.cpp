@@ -26,7 +26,11 @@ constexpr std::chrono::milliseconds kSetSweep(100);
 }  // namespace
 
 Broker::Broker(orv::sys::EventLoop& loop, Options options)
-    : m_loop(loop), m_options(std::move(options)), m_core(*this, m_options.setTimeout), m_setTimer(loop)
+    : m_loop(loop),
+      m_options(std::move(options)),
+      m_core(*this, m_options.setTimeout),
+      m_setTimer(loop),
+      m_acceptPause(loop)
 {
 }
 
@@ -62,7 +66,15 @@ void Broker::onAccept()
     for (int i = 0; i < 64; ++i) {
         int fd = ::accept4(m_listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
-            if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR && errno != ECONNABORTED) {
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+                log(std::string("accept: ") + std::strerror(errno) + "; not accepting for a second");
+                m_loop.modifyFd(m_listenFd, 0);
+                m_acceptPause.set(std::chrono::seconds(1), false, [this](bool fired) {
+                    if (fired) {
+                        m_loop.modifyFd(m_listenFd, EPOLLIN);
+                    }
+                });
+            } else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR && errno != ECONNABORTED) {
                 log(std::string("accept: ") + std::strerror(errno));
             }
             return;

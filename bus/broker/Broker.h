@@ -56,6 +56,9 @@ private:
     ConnId m_nextConn = 1;
     std::unordered_map<ConnId, std::unique_ptr<FrameConnection>> m_conns;
     orv::sys::Timer m_setTimer;
+    // Out of fds, accept fails while the listening socket stays readable;
+    // listening pauses instead of spinning.
+    orv::sys::Timer m_acceptPause;
 
     void onAccept();
     void onClosed(ConnId conn, int err);

@@ -15,6 +15,10 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -315,6 +319,50 @@ TEST_F(VeladTest, PeerThatStopsReadingDoesNotStallTheOthers)
     EXPECT_EQ(lines, kChanges + 1);
     EXPECT_EQ(watcher.wait(), 0);
     EXPECT_TRUE(velad.process().running());
+}
+
+namespace {
+
+// CPU time (user + system) a process has used, in clock ticks.
+long cpuTicks(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+    std::string f;
+    long utime = 0, stime = 0;
+    for (int i = 3; i <= 15 && fields >> f; ++i) {
+        if (i == 14) {
+            utime = std::stol(f);
+        } else if (i == 15) {
+            stime = std::stol(f);
+        }
+    }
+    return utime + stime;
+}
+
+}  // namespace
+
+TEST(VeladProcess, RunningOutOfFdsNeitherSpinsNorStopsServing)
+{
+    ChildProcess velad(
+        {"/bin/sh", "-c", "ulimit -n 24 && exec " + bustest::veladPath() + " --quiet --port 0"});
+    std::string line;
+    ASSERT_TRUE(velad.readLine(line));
+    const auto port = static_cast<std::uint16_t>(std::stoul(line.substr(line.rfind(':') + 1)));
+    std::vector<std::unique_ptr<RawClient>> flood;
+    for (int i = 0; i < 40; ++i) {
+        flood.push_back(std::make_unique<RawClient>(port));
+    }
+    const long before = cpuTicks(velad.pid());
+    std::this_thread::sleep_for(1500ms);
+    const long used = cpuTicks(velad.pid()) - before;
+    EXPECT_LT(used, 50) << "ticks of CPU in 1.5 s with the fd table full";
+    flood.clear();
+    std::this_thread::sleep_for(1200ms);  // the pause after a failed accept
+    std::string out;
+    EXPECT_EQ(runVela(port, {"list"}, &out), 0);
+    EXPECT_TRUE(velad.running());
 }
 
 TEST(VeladProcess, SigtermAndSigintEndWithStatusZero)
