@@ -36,7 +36,7 @@ double since(Clock::time_point t0)
 
 bool agree(tsdsim::World& world, std::uint32_t master, const tsdsim::Module* except)
 {
-    tsdsim::ModuleSpec ref;
+    tsdsim::ModuleSetup ref;
     ref.uuid = master;
     for (auto& m : world.modules()) {
         if (m.get() == except) {
@@ -66,7 +66,7 @@ ChainFigures measureChain(int n)
     tsdsim::World world;
     tsdsim::Bus& bus = world.addBus("chain");
     for (int i = 1; i <= n; ++i) {
-        tsdsim::ModuleSpec s;
+        tsdsim::ModuleSetup s;
         s.name = "m" + std::to_string(i);
         s.uuid = static_cast<std::uint32_t>(0x000100 + i);
         world.addModule(s).addInterface(tsdsim::Side::Rear, bus);
@@ -138,10 +138,10 @@ RelayFigures measureRelay(int frames)
     RelayFigures r;
     tsdsim::World world;
     tsdsim::Bus& bus = world.addBus("b");
-    tsdsim::ModuleSpec sa;
+    tsdsim::ModuleSetup sa;
     sa.name = "a";
     sa.uuid = 1;
-    tsdsim::ModuleSpec sb;
+    tsdsim::ModuleSetup sb;
     sb.name = "b";
     sb.uuid = 2;
     tsdsim::Module& a = world.addModule(sa);

@@ -122,7 +122,7 @@ bool applyParamKey(SyncParam& p, const std::string& key, const std::string& valu
 const Chain::ModuleEntry* findModule(const Chain& chain, const std::string& name)
 {
     for (const auto& m : chain.modules) {
-        if (m.spec.name == name) {
+        if (m.setup.name == name) {
             return &m;
         }
     }
@@ -258,8 +258,8 @@ std::string checkEvent(const Chain& chain, const Chain::Event& e)
 Chain parseChain(const std::string& text)
 {
     Chain chain;
-    std::vector<std::pair<std::string, unsigned>> moduleLevels = ModuleSpec{}.moduleLevels;
-    std::vector<std::pair<std::string, unsigned>> sourceLevels = ModuleSpec{}.sourceLevels;
+    std::vector<std::pair<std::string, unsigned>> moduleLevels = ModuleSetup{}.moduleLevels;
+    std::vector<std::pair<std::string, unsigned>> sourceLevels = ModuleSetup{}.sourceLevels;
     bool durationSet = false;
     std::set<std::uint32_t> uuids;
     std::istringstream in(text);
@@ -315,9 +315,9 @@ Chain parseChain(const std::string& text)
             }
             Chain::ModuleEntry m;
             m.line = lineNo;
-            m.spec.name = w[1];
-            m.spec.moduleLevels = moduleLevels;
-            m.spec.sourceLevels = sourceLevels;
+            m.setup.name = w[1];
+            m.setup.moduleLevels = moduleLevels;
+            m.setup.sourceLevels = sourceLevels;
             bool haveUuid = false;
             for (std::size_t i = 2; i < w.size(); ++i) {
                 auto kv = keyValue(w[i], lineNo);
@@ -328,28 +328,28 @@ Chain parseChain(const std::string& text)
                     if (u == 0 || u > 0xFFFFFF) {
                         throw ChainError(lineNo, "uuid must be 1..ffffff (hex)");
                     }
-                    m.spec.uuid = static_cast<std::uint32_t>(u);
+                    m.setup.uuid = static_cast<std::uint32_t>(u);
                     haveUuid = true;
                 } else if (k == "type") {
-                    m.spec.type = v;
+                    m.setup.type = v;
                 } else if (k == "rear" || k == "front") {
                     if (!hasBus(chain, v)) {
                         throw ChainError(lineNo, "unknown bus '" + v + "' (declare it with 'bus' first)");
                     }
                     (k == "rear" ? m.rearBus : m.frontBus) = v;
                 } else if (k == "group") {
-                    m.spec.group = v;
+                    m.setup.group = v;
                 } else if (k == "port") {
                     unsigned long p = unsignedNumber(v, lineNo, "port");
                     if (p == 0 || p > 65534) {
                         throw ChainError(lineNo, "port must be 1..65534");
                     }
-                    m.spec.port = static_cast<unsigned>(p);
+                    m.setup.port = static_cast<unsigned>(p);
                 } else if (k == "param") {
                     if (v != "yes" && v != "no") {
                         throw ChainError(lineNo, "param must be yes or no");
                     }
-                    m.spec.publishParam = v == "yes";
+                    m.setup.publishParam = v == "yes";
                 } else if (k == "tsdargs") {
                     std::istringstream args(v);
                     m.tsdArgs.clear();
@@ -357,15 +357,15 @@ Chain parseChain(const std::string& text)
                     while (args >> a) {
                         m.tsdArgs.push_back(a);
                     }
-                } else if (!applyParamKey(m.spec.param, k, v, lineNo)) {
+                } else if (!applyParamKey(m.setup.param, k, v, lineNo)) {
                     throw ChainError(lineNo, "unknown module key '" + k + "'");
                 }
             }
             if (!haveUuid) {
                 throw ChainError(lineNo, "module '" + w[1] + "' needs uuid=HEX");
             }
-            if (!uuids.insert(m.spec.uuid).second) {
-                throw ChainError(lineNo, "uuid " + m.spec.label().substr(6) + " used twice");
+            if (!uuids.insert(m.setup.uuid).second) {
+                throw ChainError(lineNo, "uuid " + m.setup.label().substr(6) + " used twice");
             }
             chain.modules.push_back(m);
         } else if (kw == "at") {
@@ -422,8 +422,8 @@ Chain defaultChain(int n, double duration)
     chain.buses.push_back("chain");
     for (int i = 1; i <= n; ++i) {
         Chain::ModuleEntry m;
-        m.spec.name = "m" + std::to_string(i);
-        m.spec.uuid = static_cast<std::uint32_t>(0x000100 + i);
+        m.setup.name = "m" + std::to_string(i);
+        m.setup.uuid = static_cast<std::uint32_t>(0x000100 + i);
         m.rearBus = "chain";
         chain.modules.push_back(m);
     }

@@ -192,10 +192,10 @@ void holderMain(const std::string& dir, int readyFd)
 
 }  // namespace
 
-Module::Module(World& world, const ModuleSpec& spec, int index)
-    : m_world(world), m_spec(spec), m_index(index), m_param(spec.param)
+Module::Module(World& world, const ModuleSetup& setup, int index)
+    : m_world(world), m_setup(setup), m_index(index), m_param(setup.param)
 {
-    m_dir = world.dir() + "/" + spec.name;
+    m_dir = world.dir() + "/" + setup.name;
     buildFiles();
     openSyslog();
     startHolder();
@@ -238,10 +238,10 @@ void Module::buildFiles()
                           "device-tree", "device-tree/stratova", "ids", "status", "run/timesync"}) {
         makeDir(m_dir + "/" + d);
     }
-    writeFile(m_dir + "/etc-up/TimeSourceDaemonConfig.xml", m_spec.configFile());
-    writeFile(m_dir + "/TimeSourceDaemonConfig.xml", m_spec.configFile());
+    writeFile(m_dir + "/etc-up/TimeSourceDaemonConfig.xml", m_setup.configFile());
+    writeFile(m_dir + "/TimeSourceDaemonConfig.xml", m_setup.configFile());
     // The device tree ends its strings with a NUL byte.
-    writeFile(m_dir + "/device-tree/stratova/moduletype", m_spec.type + std::string(1, '\0'));
+    writeFile(m_dir + "/device-tree/stratova/moduletype", m_setup.type + std::string(1, '\0'));
     writeFile(m_dir + "/scripts.log", "");
     for (const char* s : kScripts) {
         std::string script =
@@ -386,7 +386,7 @@ void Module::addInterface(Side side, Bus& bus)
     // The tun driver shows a 6-byte MAC; the node id the daemon reads is the
     // 8-byte FireWire GUID, put in place over the sysfs attribute.
     std::string idFile = m_dir + "/ids/" + ifname + ".address";
-    writeFile(idFile, nodeIdAddress(m_spec.nodeId(side)) + "\n");
+    writeFile(idFile, nodeIdAddress(m_setup.nodeId(side)) + "\n");
     std::string target = "/sys/class/net/" + ifname + "/address";
     int mntns = m_mntns;
     pid_t pid = ::fork();
@@ -446,7 +446,7 @@ bool Module::start(const std::vector<std::string>& tsdArgs)
     if (!startBusClients()) {
         return false;
     }
-    if (m_spec.publishParam && !m_paramPublished) {
+    if (m_setup.publishParam && !m_paramPublished) {
         setParam(m_param);
     }
     waitPublished(std::chrono::seconds(5));
@@ -522,7 +522,7 @@ bool Module::startTsd(const std::vector<std::string>& args)
     argv.insert(argv.end(), args.begin(), args.end());
     ChildProcess::Options o = options(argv, "tsd.out");
     char uuid[16];
-    std::snprintf(uuid, sizeof uuid, "%06x", m_spec.uuid & 0xFFFFFFu);
+    std::snprintf(uuid, sizeof uuid, "%06x", m_setup.uuid & 0xFFFFFFu);
     o.env.push_back(std::string("UUID=") + uuid);
     m_tsd = std::make_unique<ChildProcess>();
     return m_tsd->start(o);

@@ -1,4 +1,4 @@
-#include "tsdsim/ModuleSpec.h"
+#include "tsdsim/ModuleSetup.h"
 
 #include <cstdio>
 #include <sstream>
@@ -15,14 +15,14 @@ Json::Value SyncParam::toJson() const
     return v;
 }
 
-std::string ModuleSpec::label() const
+std::string ModuleSetup::label() const
 {
     char buf[16];
     std::snprintf(buf, sizeof buf, "0A7C31%06X", uuid & 0xFFFFFFu);
     return buf;
 }
 
-std::uint64_t ModuleSpec::nodeId(Side side) const
+std::uint64_t ModuleSetup::nodeId(Side side) const
 {
     std::uint64_t low = uuid & 0xFFFFFFu;
     if (side == Side::Front) {
@@ -31,7 +31,7 @@ std::uint64_t ModuleSpec::nodeId(Side side) const
     return (kMakerOui << 24) | low;
 }
 
-std::string ModuleSpec::configFile() const
+std::string ModuleSetup::configFile() const
 {
     if (!configXml.empty()) {
         return configXml;

@@ -86,7 +86,7 @@ void Scenario::build()
         m_world->addBus(b);
     }
     for (const auto& e : m_chain.modules) {
-        Module& m = m_world->addModule(e.spec);
+        Module& m = m_world->addModule(e.setup);
         if (!e.rearBus.empty()) {
             m.addInterface(Side::Rear, *m_world->findBus(e.rearBus));
         }
@@ -112,8 +112,8 @@ bool Scenario::run(const std::function<void()>& onTick, std::chrono::millisecond
         if (!m.startVelad() || !m.startBusClients()) {
             return false;
         }
-        if (e.spec.publishParam) {
-            m.setParam(e.spec.param);
+        if (e.setup.publishParam) {
+            m.setParam(e.setup.param);
         }
     }
     for (auto& m : m_world->modules()) {
@@ -223,7 +223,7 @@ std::string Scenario::apply(const Chain::Event& event)
     } else if (a == "start-tsd") {
         const Chain::ModuleEntry* entry = nullptr;
         for (const auto& e : m_chain.modules) {
-            if (e.spec.name == m.name()) {
+            if (e.setup.name == m.name()) {
                 entry = &e;
             }
         }
@@ -332,7 +332,7 @@ std::string Scenario::table() const
         }
         char thr[16];
         std::snprintf(thr, sizeof thr, "%.1f", m.param().threshold);
-        t << pad(m.name(), 8) << pad(hex6(m.spec().uuid), 8)
+        t << pad(m.name(), 8) << pad(hex6(m.setup().uuid), 8)
           << pad(side("mode_back", "master_uuid_back", Side::Rear), 16)
           << pad(side("mode_front", "master_uuid_front", Side::Front), 16) << pad(thr, 7)
           << pad(service(m), 8) << pad(errors.empty() ? "-" : errors, 10) << pad(status, 11) << last << "\n";
@@ -370,9 +370,9 @@ Json::Value Scenario::summary() const
         const Module& m = *mp;
         Json::Value j;
         j["name"] = m.name();
-        j["uuid"] = hex6(m.spec().uuid);
-        j["label"] = m.spec().label();
-        j["type"] = m.spec().type;
+        j["uuid"] = hex6(m.setup().uuid);
+        j["label"] = m.setup().label();
+        j["type"] = m.setup().type;
         auto fin = m_final.find(m.name());
         bool done = fin != m_final.end();
         j["syncApp"] = done ? fin->second.app : m.state("sync/app");

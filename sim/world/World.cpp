@@ -96,15 +96,15 @@ Bus* World::findBus(const std::string& name)
     return nullptr;
 }
 
-Module& World::addModule(const ModuleSpec& spec)
+Module& World::addModule(const ModuleSetup& setup)
 {
-    if (spec.name.empty() || spec.name.find('/') != std::string::npos || findModule(spec.name)) {
-        throw std::runtime_error("tsdsim: bad or duplicate module name '" + spec.name + "'");
+    if (setup.name.empty() || setup.name.find('/') != std::string::npos || findModule(setup.name)) {
+        throw std::runtime_error("tsdsim: bad or duplicate module name '" + setup.name + "'");
     }
     if (m_modules.size() >= 250) {
         throw std::runtime_error("tsdsim: too many modules");
     }
-    m_modules.push_back(std::make_unique<Module>(*this, spec, static_cast<int>(m_modules.size()) + 1));
+    m_modules.push_back(std::make_unique<Module>(*this, setup, static_cast<int>(m_modules.size()) + 1));
     return *m_modules.back();
 }
 
@@ -172,7 +172,7 @@ std::set<std::string> World::reachableFor(const Module& module) const
                     continue;
                 }
                 paths.insert(std::string("reachableDevices/") + interfaceName(side) + "/" +
-                             nodeIdText(other->spec().nodeId(os)));
+                             nodeIdText(other->setup().nodeId(os)));
             }
         }
     }

@@ -28,7 +28,7 @@ TEST(Election2Modules, TimeSourcePriorityBeatsTheUuid)
     simtest::Chain chain({module("a", 0x000a01, "RZ", "Ptp"), module("b", 0x000a02, "RZ", "Ntp")});
     ASSERT_TRUE(chain.started());
     ASSERT_TRUE(chain.waitAgree(0x000a01)) << chain.dump();
-    EXPECT_EQ(simtest::expectedMaster(chain.specs()).uuid, 0x000a01u);
+    EXPECT_EQ(simtest::expectedMaster(chain.setups()).uuid, 0x000a01u);
     chain.expectCleanExit();
 }
 

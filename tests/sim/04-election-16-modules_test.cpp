@@ -7,14 +7,14 @@ using namespace std::chrono_literals;
 
 TEST(Election16Modules, AllAgreeAndOnlyTheMasterServesTime)
 {
-    std::vector<tsdsim::ModuleSpec> specs;
+    std::vector<tsdsim::ModuleSetup> setups;
     for (int i = 0; i < 16; ++i) {
         // UUIDs scattered so that neither the first nor the last module wins.
         auto uuid = static_cast<std::uint32_t>((0x10000 + i * 0x9e37) & 0xFFFFFF);
-        specs.push_back(module("m" + std::to_string(i + 1), uuid, "RZ", i % 3 == 0 ? "Ntp" : "Ptp"));
+        setups.push_back(module("m" + std::to_string(i + 1), uuid, "RZ", i % 3 == 0 ? "Ntp" : "Ptp"));
     }
-    const tsdsim::ModuleSpec& master = simtest::expectedMaster(specs);
-    simtest::Chain chain(specs);
+    const tsdsim::ModuleSetup& master = simtest::expectedMaster(setups);
+    simtest::Chain chain(setups);
     ASSERT_TRUE(chain.started());
     ASSERT_TRUE(chain.waitAgree(master.uuid)) << chain.dump();
 

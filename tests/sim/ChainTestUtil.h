@@ -21,10 +21,10 @@ using namespace std::chrono_literals;
 // answer with up to 199 ms back-off each; a loaded machine adds to that.
 constexpr std::chrono::milliseconds kSettle = 40s;
 
-inline tsdsim::ModuleSpec module(const std::string& name, std::uint32_t uuid, const std::string& type = "RZ",
-                                 const std::string& timesource = "Ptp", double threshold = 1.0)
+inline tsdsim::ModuleSetup module(const std::string& name, std::uint32_t uuid, const std::string& type = "RZ",
+                                  const std::string& timesource = "Ptp", double threshold = 1.0)
 {
-    tsdsim::ModuleSpec s;
+    tsdsim::ModuleSetup s;
     s.name = name;
     s.uuid = uuid;
     s.type = type;
@@ -43,17 +43,17 @@ inline unsigned level(const std::vector<std::pair<std::string, unsigned>>& level
     return 0;
 }
 
-// The module that must win the election among specs: the largest sum of
+// The module that must win the election among setups: the largest sum of
 // module priority and time-source priority, ties to the larger UUID.
-inline const tsdsim::ModuleSpec& expectedMaster(const std::vector<tsdsim::ModuleSpec>& specs)
+inline const tsdsim::ModuleSetup& expectedMaster(const std::vector<tsdsim::ModuleSetup>& setups)
 {
-    auto key = [](const tsdsim::ModuleSpec& s) {
+    auto key = [](const tsdsim::ModuleSetup& s) {
         unsigned mod = level(s.moduleLevels, s.type == "KP40" ? "KP" : "RZ");
         unsigned src = level(s.sourceLevels, s.param.timesource);
         return std::make_pair(mod + src, s.uuid & 0xFFFFFFu);
     };
-    const tsdsim::ModuleSpec* best = &specs.front();
-    for (const auto& s : specs) {
+    const tsdsim::ModuleSetup* best = &setups.front();
+    for (const auto& s : setups) {
         if (key(s) > key(*best)) {
             best = &s;
         }
@@ -65,10 +65,10 @@ inline const tsdsim::ModuleSpec& expectedMaster(const std::vector<tsdsim::Module
 class Chain
 {
 public:
-    explicit Chain(const std::vector<tsdsim::ModuleSpec>& specs) : m_specs(specs)
+    explicit Chain(const std::vector<tsdsim::ModuleSetup>& setups) : m_setups(setups)
     {
         m_bus = &m_world.addBus("chain");
-        for (const auto& s : specs) {
+        for (const auto& s : setups) {
             tsdsim::Module& m = m_world.addModule(s);
             m.addInterface(tsdsim::Side::Rear, *m_bus);
         }
@@ -81,7 +81,7 @@ public:
     tsdsim::Bus& bus() { return *m_bus; }
     tsdsim::Module& operator[](std::size_t i) { return *m_world.modules().at(i); }
     std::size_t size() const { return m_world.modules().size(); }
-    const std::vector<tsdsim::ModuleSpec>& specs() const { return m_specs; }
+    const std::vector<tsdsim::ModuleSetup>& setups() const { return m_setups; }
 
     // Whether module m shows masterUuid as its rear master, in sync/app and
     // sync/master, with mode master (3) when it is that module and slave (2)
@@ -93,9 +93,9 @@ public:
         if (app.isNull() || !master.isString()) {
             return false;
         }
-        tsdsim::ModuleSpec ref;
+        tsdsim::ModuleSetup ref;
         ref.uuid = masterUuid;
-        int mode = (m.spec().uuid & 0xFFFFFFu) == masterUuid ? 3 : 2;
+        int mode = (m.setup().uuid & 0xFFFFFFu) == masterUuid ? 3 : 2;
         return app["mode_back"].asInt() == mode && app["master_uuid_back"].asUInt() == masterUuid &&
                master.asString() == ref.label();
     }
@@ -150,7 +150,7 @@ public:
     }
 
 private:
-    std::vector<tsdsim::ModuleSpec> m_specs;
+    std::vector<tsdsim::ModuleSetup> m_setups;
     tsdsim::World m_world;
     tsdsim::Bus* m_bus = nullptr;
     bool m_started = false;

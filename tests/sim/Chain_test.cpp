@@ -53,21 +53,21 @@ TEST(Chain, ReadsModulesBusesLevelsAndASortedTimeline)
     EXPECT_EQ(c.buses, (std::vector<std::string>{"chain", "side"}));
     ASSERT_EQ(c.modules.size(), 2u);
     const auto& a = c.modules[0];
-    EXPECT_EQ(a.spec.uuid, 0xabcdefu);
-    EXPECT_EQ(a.spec.type, "KP40");
+    EXPECT_EQ(a.setup.uuid, 0xabcdefu);
+    EXPECT_EQ(a.setup.type, "KP40");
     EXPECT_EQ(a.rearBus, "chain");
     EXPECT_EQ(a.frontBus, "side");
-    EXPECT_EQ(a.spec.param.timesource, "Ntp");
-    EXPECT_DOUBLE_EQ(a.spec.param.threshold, 2.5);
-    EXPECT_EQ(a.spec.param.ptp4l, "-4 -E -i firewire0");
-    EXPECT_EQ(a.spec.param.ntpserver, "10.0.0.1");
-    EXPECT_EQ(a.spec.group, "239.1.2.3");
-    EXPECT_EQ(a.spec.port, 5000u);
+    EXPECT_EQ(a.setup.param.timesource, "Ntp");
+    EXPECT_DOUBLE_EQ(a.setup.param.threshold, 2.5);
+    EXPECT_EQ(a.setup.param.ptp4l, "-4 -E -i firewire0");
+    EXPECT_EQ(a.setup.param.ntpserver, "10.0.0.1");
+    EXPECT_EQ(a.setup.group, "239.1.2.3");
+    EXPECT_EQ(a.setup.port, 5000u);
     EXPECT_EQ(a.tsdArgs, (std::vector<std::string>{"-d"}));
-    EXPECT_EQ(a.spec.moduleLevels.size(), 3u);
-    EXPECT_EQ(a.spec.sourceLevels[0], (std::pair<std::string, unsigned>{"Ptp", 5}));
-    EXPECT_NE(a.spec.configFile().find("<XY>7</XY>"), std::string::npos);
-    EXPECT_FALSE(c.modules[1].spec.publishParam);
+    EXPECT_EQ(a.setup.moduleLevels.size(), 3u);
+    EXPECT_EQ(a.setup.sourceLevels[0], (std::pair<std::string, unsigned>{"Ptp", 5}));
+    EXPECT_NE(a.setup.configFile().find("<XY>7</XY>"), std::string::npos);
+    EXPECT_FALSE(c.modules[1].setup.publishParam);
     EXPECT_TRUE(c.modules[1].frontBus.empty());
     ASSERT_EQ(c.events.size(), 4u);
     EXPECT_EQ(c.events[0].text(), "unplug b");
@@ -105,8 +105,8 @@ TEST(Chain, DefaultChainPutsNModulesOnOneBusWithRisingUuids)
     Chain c = tsdsim::defaultChain(3, 12);
     EXPECT_DOUBLE_EQ(c.duration, 12);
     ASSERT_EQ(c.modules.size(), 3u);
-    EXPECT_EQ(c.modules[2].spec.name, "m3");
-    EXPECT_EQ(c.modules[2].spec.uuid, 0x000103u);
+    EXPECT_EQ(c.modules[2].setup.name, "m3");
+    EXPECT_EQ(c.modules[2].setup.uuid, 0x000103u);
     EXPECT_EQ(c.modules[2].rearBus, "chain");
     EXPECT_TRUE(c.events.empty());
 }
@@ -127,7 +127,7 @@ TEST(Chain, ExampleChainFilesAreValid)
 
 TEST(Chain, NodeIdsAndLabelsOfAModule)
 {
-    tsdsim::ModuleSpec s;
+    tsdsim::ModuleSetup s;
     s.uuid = 0xabcdef;
     EXPECT_EQ(s.label(), "0A7C31ABCDEF");
     EXPECT_EQ(s.nodeId(tsdsim::Side::Rear), 0x0A7C31ABCDEFull);

@@ -15,7 +15,7 @@
 
 using namespace std::chrono_literals;
 using tsdsim::Module;
-using tsdsim::ModuleSpec;
+using tsdsim::ModuleSetup;
 using tsdsim::Side;
 using tsdsim::World;
 
@@ -24,9 +24,9 @@ namespace {
 const std::string kGroup = "239.255.77.9";
 constexpr unsigned kPort = 14500;
 
-ModuleSpec spec(const std::string& name, std::uint32_t uuid)
+ModuleSetup setup(const std::string& name, std::uint32_t uuid)
 {
-    ModuleSpec s;
+    ModuleSetup s;
     s.name = name;
     s.uuid = uuid;
     return s;
@@ -54,7 +54,7 @@ TEST(World, IdentityFilesReadBackInsideTheModule)
 {
     World world;
     tsdsim::Bus& bus = world.addBus("b");
-    ModuleSpec s = spec("a", 0xabcdef);
+    ModuleSetup s = setup("a", 0xabcdef);
     s.type = "KP40";
     Module& m = world.addModule(s);
     world.plug(m, Side::Rear, bus);
@@ -87,7 +87,7 @@ TEST(World, IdentityFilesReadBackInsideTheModule)
 TEST(World, RecorderScriptsLogCallsAndReturnTheConfiguredStatus)
 {
     World world;
-    Module& m = world.addModule(spec("a", 0x000101));
+    Module& m = world.addModule(setup("a", 0x000101));
     inside(m, {"/bin/sh", "-c", "/bin/ptp4ladm.sh start"});
     m.setScriptStatus("stop_ntpd.sh", 3);
     std::string out;
@@ -106,7 +106,7 @@ TEST(World, RecorderScriptsLogCallsAndReturnTheConfiguredStatus)
 TEST(World, SyslogOfTheModuleIsCapturedWithPriority)
 {
     World world;
-    Module& m = world.addModule(spec("a", 0x000101));
+    Module& m = world.addModule(setup("a", 0x000101));
     inside(m, {"/usr/bin/logger", "--rfc3164", "-t", "probe", "-p", "user.warning", "hello from inside"});
     ASSERT_TRUE(world.waitFor([&] { return !m.syslog().empty(); }, 5s));
     auto lines = m.syslog();
@@ -120,9 +120,9 @@ TEST(World, MulticastFromOneModuleReachesTheOtherOverTheBus)
     World world;
     tsdsim::Bus& bus = world.addBus("b");
     tsdsim::Bus& other = world.addBus("other");
-    Module& a = world.addModule(spec("a", 0x000101));
-    Module& b = world.addModule(spec("b", 0x000102));
-    Module& c = world.addModule(spec("c", 0x000103));
+    Module& a = world.addModule(setup("a", 0x000101));
+    Module& b = world.addModule(setup("b", 0x000102));
+    Module& c = world.addModule(setup("c", 0x000103));
     world.plug(a, Side::Rear, bus);
     world.plug(b, Side::Rear, bus);
     world.plug(c, Side::Rear, other);
@@ -144,8 +144,8 @@ TEST(World, CutCableStopsFramesBothWaysAndPlugRestoresThem)
 {
     World world;
     tsdsim::Bus& bus = world.addBus("b");
-    Module& a = world.addModule(spec("a", 0x000101));
-    Module& b = world.addModule(spec("b", 0x000102));
+    Module& a = world.addModule(setup("a", 0x000101));
+    Module& b = world.addModule(setup("b", 0x000102));
     world.plug(a, Side::Rear, bus);
     world.plug(b, Side::Rear, bus);
     simtest::McastSocket sa(a, kGroup, kPort, Side::Rear);
@@ -171,8 +171,8 @@ TEST(World, LossDropsAShareOfFramesAndDuplicationDoublesThem)
 {
     World world;
     tsdsim::Bus& bus = world.addBus("b");
-    Module& a = world.addModule(spec("a", 0x000101));
-    Module& b = world.addModule(spec("b", 0x000102));
+    Module& a = world.addModule(setup("a", 0x000101));
+    Module& b = world.addModule(setup("b", 0x000102));
     world.plug(a, Side::Rear, bus);
     world.plug(b, Side::Rear, bus);
     simtest::McastSocket sa(a, kGroup, kPort, Side::Rear);
@@ -208,8 +208,8 @@ TEST(World, DelayHoldsEveryFrameBack)
 {
     World world;
     tsdsim::Bus& bus = world.addBus("b");
-    Module& a = world.addModule(spec("a", 0x000101));
-    Module& b = world.addModule(spec("b", 0x000102));
+    Module& a = world.addModule(setup("a", 0x000101));
+    Module& b = world.addModule(setup("b", 0x000102));
     world.plug(a, Side::Rear, bus);
     world.plug(b, Side::Rear, bus);
     simtest::McastSocket sa(a, kGroup, kPort, Side::Rear);
@@ -227,9 +227,9 @@ TEST(World, ReachableDevicesFollowTheCabling)
     World world;
     tsdsim::Bus& chain = world.addBus("chain");
     tsdsim::Bus& side = world.addBus("side");
-    Module& a = world.addModule(spec("a", 0x000101));
-    Module& b = world.addModule(spec("b", 0x000102));
-    Module& c = world.addModule(spec("c", 0x000103));
+    Module& a = world.addModule(setup("a", 0x000101));
+    Module& b = world.addModule(setup("b", 0x000102));
+    Module& c = world.addModule(setup("c", 0x000103));
     world.plug(a, Side::Rear, chain);
     world.plug(b, Side::Rear, chain);
     world.plug(b, Side::Front, side);
@@ -259,7 +259,7 @@ TEST(World, CleanupLeavesNoProcessNamespaceOrDirectory)
     {
         World world;
         tsdsim::Bus& bus = world.addBus("b");
-        Module& a = world.addModule(spec("a", 0x000101));
+        Module& a = world.addModule(setup("a", 0x000101));
         world.plug(a, Side::Rear, bus);
         holder = a.holderPid();
         dir = world.dir();
@@ -292,8 +292,8 @@ TEST(World, PublisherAndWatcherWorkOnTheModuleBusAndSurviveABrokerRestart)
 {
     World world;
     tsdsim::Bus& bus = world.addBus("b");
-    Module& a = world.addModule(spec("a", 0x000101));
-    Module& b = world.addModule(spec("b", 0x000102));
+    Module& a = world.addModule(setup("a", 0x000101));
+    Module& b = world.addModule(setup("b", 0x000102));
     world.plug(a, Side::Rear, bus);
     world.plug(b, Side::Rear, bus);
     ASSERT_TRUE(a.startVelad());

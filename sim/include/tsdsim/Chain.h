@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "tsdsim/ModuleSpec.h"
+#include "tsdsim/ModuleSetup.h"
 
 namespace tsdsim {
 
@@ -24,7 +24,7 @@ struct Chain
 {
     struct ModuleEntry
     {
-        ModuleSpec spec;
+        ModuleSetup setup;
         std::string rearBus;   // empty: no rear port (the daemon then exits 255)
         std::string frontBus;  // empty: no front port
         std::vector<std::string> tsdArgs{"-d"};

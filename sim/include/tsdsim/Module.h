@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "tsdsim/ChildProcess.h"
-#include "tsdsim/ModuleSpec.h"
+#include "tsdsim/ModuleSetup.h"
 
 namespace tsdsim {
 
@@ -68,13 +68,13 @@ public:
     };
 
     // Builds the namespaces and files. Throws std::runtime_error on failure.
-    Module(World& world, const ModuleSpec& spec, int index);
+    Module(World& world, const ModuleSetup& setup, int index);
     ~Module();
     Module(const Module&) = delete;
     Module& operator=(const Module&) = delete;
 
-    const ModuleSpec& spec() const { return m_spec; }
-    const std::string& name() const { return m_spec.name; }
+    const ModuleSetup& setup() const { return m_setup; }
+    const std::string& name() const { return m_setup.name; }
     int index() const { return m_index; }
     const std::string& dir() const { return m_dir; }
 
@@ -165,7 +165,7 @@ private:
     double now() const;
 
     World& m_world;
-    ModuleSpec m_spec;
+    ModuleSetup m_setup;
     int m_index;
     std::string m_dir;
     pid_t m_holder = -1;

@@ -42,7 +42,7 @@ struct SyncParam
 
 // Everything that makes one simulated module (defaults give a plain RZ
 // module offering PTP).
-struct ModuleSpec
+struct ModuleSetup
 {
     std::string name;                    // short, unique in the world, e.g. "m1"
     std::uint32_t uuid = 0;              // low 24 bits are used, e.g. 0xabcdef

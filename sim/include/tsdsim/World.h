@@ -11,7 +11,7 @@
 #include "tsdsim/Bus.h"
 #include "tsdsim/IoThread.h"
 #include "tsdsim/Module.h"
-#include "tsdsim/ModuleSpec.h"
+#include "tsdsim/ModuleSetup.h"
 
 namespace tsdsim {
 
@@ -27,7 +27,7 @@ namespace tsdsim {
 //
 //   tsdsim::World world;                       // binaries from the own directory
 //   tsdsim::Bus& bus = world.addBus("chain");
-//   tsdsim::ModuleSpec a; a.name = "a"; a.uuid = 0x000101;
+//   tsdsim::ModuleSetup a; a.name = "a"; a.uuid = 0x000101;
 //   tsdsim::Module& ma = world.addModule(a);
 //   world.plug(ma, tsdsim::Side::Rear, bus);   // firewire0 of "a" on the bus
 //   ...                                        // more modules
@@ -74,7 +74,7 @@ public:
     Bus& addBus(const std::string& name);
     Bus* findBus(const std::string& name);
     // Builds the module (namespaces, files). Throws std::runtime_error.
-    Module& addModule(const ModuleSpec& spec);
+    Module& addModule(const ModuleSetup& setup);
     Module* findModule(const std::string& name);
     const std::vector<std::unique_ptr<Module>>& modules() const { return m_modules; }
     const std::vector<std::unique_ptr<Bus>>& buses() const { return m_buses; }
