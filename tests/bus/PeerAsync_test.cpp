@@ -532,57 +532,71 @@ TEST_F(PeerAsyncTest, HundredPeersWithTenThousandStates)
 {
     constexpr int kPeers = 100;
     constexpr int kStatesPerPeer = 100;
+    constexpr int kWatchAll = 10;  // the first ten fetch every state
     constexpr std::size_t kStates = kPeers * kStatesPerPeer;
     startBroker();
     std::vector<std::unique_ptr<vela::PeerAsync>> peers;
     std::vector<std::size_t> present(kPeers, 0);
-    std::vector<std::size_t> adds(kPeers, 0);
     std::vector<std::size_t> changes(kPeers, 0);
+    auto prefix = [](int owner) { return "bulk/" + std::to_string(owner) + "/"; };
     for (int i = 0; i < kPeers; ++i) {
         peers.push_back(peer("p" + std::to_string(i)));
-        // Every peer watches everything: 100 x 10 000 notifications.
-        peers.back()->addFetchAsync(vela::matcher_t{}, [&, i](const Json::Value& n, int) {
+        // The others fetch the states of their neighbour.
+        vela::matcher_t m;
+        if (i >= kWatchAll) {
+            m.startsWith = prefix((i + 1) % kPeers);
+        }
+        const auto slot = static_cast<std::size_t>(i);
+        peers.back()->addFetchAsync(m, [&, slot](const Json::Value& n, int) {
             const std::string event = n["event"].asString();
             if (event == "add") {
-                ++present[i];
-                ++adds[i];
+                ++present[slot];
             } else if (event == "remove") {
-                --present[i];
+                --present[slot];
             } else {
-                ++changes[i];
+                ++changes[slot];
             }
         });
         for (int s = 0; s < kStatesPerPeer; ++s) {
             Json::Value v(Json::objectValue);
             v["peer"] = i;
             v["state"] = s;
-            peers.back()->addStateAsync("bulk/" + std::to_string(i) + "/" + std::to_string(s), v);
+            peers.back()->addStateAsync(prefix(i) + std::to_string(s), v);
         }
     }
-    auto all = [&](const std::vector<std::size_t>& counts, std::size_t expected, std::size_t n) {
-        for (std::size_t i = 0; i < n; ++i) {
-            if (counts[i] != expected) {
+    // What peer i should see while the owners 0..owners-1 are connected.
+    auto expected = [&](int i, int owners, std::size_t all, std::size_t neighbour) {
+        if (i < kWatchAll) {
+            return all;
+        }
+        return (i + 1) % kPeers < owners ? neighbour : 0;
+    };
+    auto reached = [&](const std::vector<std::size_t>& counts, int alive, std::size_t all,
+                       std::size_t neighbour) {
+        for (int i = 0; i < alive; ++i) {
+            if (counts[static_cast<std::size_t>(i)] != expected(i, alive, all, neighbour)) {
                 return false;
             }
         }
         return true;
     };
     ASSERT_TRUE(runUntil(
-        loop, [&] { return all(present, kStates, kPeers); }, 60s));
+        loop, [&] { return reached(present, kPeers, kStates, kStatesPerPeer); }, 60s));
     EXPECT_EQ(broker->core().stateCount(), kStates);
-    EXPECT_TRUE(all(adds, kStates, kPeers));
 
     for (int i = 0; i < kPeers; ++i) {
-        peers[static_cast<std::size_t>(i)]->notifyState("bulk/" + std::to_string(i) + "/0", "changed");
+        peers[static_cast<std::size_t>(i)]->notifyState(prefix(i) + "0", "changed");
     }
     ASSERT_TRUE(runUntil(
-        loop, [&] { return all(changes, kPeers, kPeers); }, 30s));
+        loop, [&] { return reached(changes, kPeers, kPeers, 1); }, 30s));
 
-    // Half of them leave: the others see 5 000 removals.
+    // Half of them leave: the watchers see 5 000 removals, the neighbour of
+    // the last one remaining sees all of its states go.
     peers.resize(kPeers / 2);
     ASSERT_TRUE(runUntil(
-        loop, [&] { return all(present, kStates / 2, kPeers / 2); }, 30s));
+        loop, [&] { return reached(present, kPeers / 2, kStates / 2, kStatesPerPeer); }, 30s));
     EXPECT_EQ(broker->core().stateCount(), kStates / 2);
+    EXPECT_EQ(present[kPeers / 2 - 1], 0u);
 }
 
 }  // namespace
