@@ -811,6 +811,11 @@ std::vector<Module::ScriptCall> Module::scriptCalls() const
     return calls;
 }
 
+std::string Module::output(const std::string& program) const
+{
+    return readFile(m_dir + "/" + program + ".out");
+}
+
 std::string Module::runFile(const std::string& relative) const
 {
     return readFile(m_dir + "/run/" + relative);

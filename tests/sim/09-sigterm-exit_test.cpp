@@ -17,6 +17,7 @@ TEST(SigtermExit, EveryDaemonExitsZeroAndWithdrawsItsStates)
         ASSERT_GE(st, 0) << chain[i].name() << " did not end";
         EXPECT_TRUE(WIFEXITED(st)) << chain[i].name();
         EXPECT_EQ(WEXITSTATUS(st), 0) << chain[i].name();
+        EXPECT_NE(chain[i].output("tsd").find("SIGNAL NR. : 15"), std::string::npos) << chain[i].name();
         EXPECT_TRUE(chain.world().waitFor(
             [&] { return chain[i].state("sync/app").isNull() && chain[i].state("sync/master").isNull(); },
             10s))

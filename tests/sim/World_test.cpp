@@ -10,7 +10,7 @@
 #include <fstream>
 #include <thread>
 
-#include "SimTestUtil.h"
+#include "tsdsim/McastSocket.h"
 #include "tsdsim/World.h"
 
 using namespace std::chrono_literals;
@@ -127,9 +127,9 @@ TEST(World, MulticastFromOneModuleReachesTheOtherOverTheBus)
     world.plug(b, Side::Rear, bus);
     world.plug(c, Side::Rear, other);
 
-    simtest::McastSocket sa(a, kGroup, kPort, Side::Rear);
-    simtest::McastSocket sb(b, kGroup, kPort, Side::Rear);
-    simtest::McastSocket sc(c, kGroup, kPort, Side::Rear);
+    tsdsim::McastSocket sa(a, kGroup, kPort, Side::Rear);
+    tsdsim::McastSocket sb(b, kGroup, kPort, Side::Rear);
+    tsdsim::McastSocket sc(c, kGroup, kPort, Side::Rear);
     ASSERT_TRUE(sa.ok() && sb.ok() && sc.ok());
     ASSERT_TRUE(sa.send("<sync>:start:<sync>"));
     EXPECT_EQ(sb.receive(3000ms), "<sync>:start:<sync>");
@@ -148,8 +148,8 @@ TEST(World, CutCableStopsFramesBothWaysAndPlugRestoresThem)
     Module& b = world.addModule(setup("b", 0x000102));
     world.plug(a, Side::Rear, bus);
     world.plug(b, Side::Rear, bus);
-    simtest::McastSocket sa(a, kGroup, kPort, Side::Rear);
-    simtest::McastSocket sb(b, kGroup, kPort, Side::Rear);
+    tsdsim::McastSocket sa(a, kGroup, kPort, Side::Rear);
+    tsdsim::McastSocket sb(b, kGroup, kPort, Side::Rear);
     ASSERT_TRUE(sa.ok() && sb.ok());
     ASSERT_TRUE(sa.send("one"));
     ASSERT_EQ(sb.receive(3000ms), "one");
@@ -175,8 +175,8 @@ TEST(World, LossDropsAShareOfFramesAndDuplicationDoublesThem)
     Module& b = world.addModule(setup("b", 0x000102));
     world.plug(a, Side::Rear, bus);
     world.plug(b, Side::Rear, bus);
-    simtest::McastSocket sa(a, kGroup, kPort, Side::Rear);
-    simtest::McastSocket sb(b, kGroup, kPort, Side::Rear);
+    tsdsim::McastSocket sa(a, kGroup, kPort, Side::Rear);
+    tsdsim::McastSocket sb(b, kGroup, kPort, Side::Rear);
     ASSERT_TRUE(sa.ok() && sb.ok());
 
     bus.setLoss(1.0);
@@ -212,8 +212,8 @@ TEST(World, DelayHoldsEveryFrameBack)
     Module& b = world.addModule(setup("b", 0x000102));
     world.plug(a, Side::Rear, bus);
     world.plug(b, Side::Rear, bus);
-    simtest::McastSocket sa(a, kGroup, kPort, Side::Rear);
-    simtest::McastSocket sb(b, kGroup, kPort, Side::Rear);
+    tsdsim::McastSocket sa(a, kGroup, kPort, Side::Rear);
+    tsdsim::McastSocket sb(b, kGroup, kPort, Side::Rear);
     ASSERT_TRUE(sa.ok() && sb.ok());
     bus.setDelay(400ms);
     auto t0 = std::chrono::steady_clock::now();

@@ -126,6 +126,9 @@ public:
     std::vector<BusEvent> events() const;
     std::vector<LogLine> syslog() const;
     std::vector<ScriptCall> scriptCalls() const;
+    // What a program of the module wrote to stdout and stderr so far
+    // ("tsd", "velad", "publisher", "watcher"), e.g. tsd's "SIGNAL NR. : 15".
+    std::string output(const std::string& program) const;
     // A file under the module's /run, e.g. "timesync/ptp4l.cfg"; empty when absent.
     std::string runFile(const std::string& relative) const;
     // Exit status the recorder script gives from now on (0 by default).
