@@ -46,6 +46,15 @@ std::string pad(const std::string& s, std::size_t width)
     return s.size() >= width ? s + " " : s + std::string(width - s.size(), ' ');
 }
 
+std::string joined(const std::vector<std::string>& names)
+{
+    std::string out;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        out += (i == 0 ? "" : i + 1 == names.size() ? " and " : ", ") + names[i];
+    }
+    return out;
+}
+
 std::string describeStatus(int status)
 {
     if (status < 0) {
@@ -474,6 +483,39 @@ std::string Scenario::summaryText() const
     o << s["modules"].size() << " simulated modules ran for " << seconds(s["duration"].asDouble())
       << (s["interrupted"].asBool() ? ", stopped early by Ctrl-C" : "") << ".\n\n";
 
+    // In short: who led after each election, in one paragraph.
+    std::string brief;
+    for (const auto& e : s["elections"]) {
+        if (e["results"].empty()) {
+            continue;
+        }
+        std::map<std::string, std::vector<std::string>> byMaster;
+        double latest = 0;
+        for (const auto& name : e["results"].getMemberNames()) {
+            byMaster[e["results"][name]["master"].asString()].push_back(name);
+            latest = std::max(latest, e["results"][name]["time"].asDouble() - e["started"].asDouble());
+        }
+        // The master most modules chose is the chain's; the others are on their own.
+        auto main = std::max_element(byMaster.begin(), byMaster.end(), [](const auto& a, const auto& b) {
+            return a.second.size() < b.second.size();
+        });
+        std::string sentence =
+            e["trigger"].asString() == "start"
+                ? "After the start the chain agreed on " + who(main->first) + " as its sync master"
+                : "After \"" + e["trigger"].asString() + "\" at " + seconds(e["started"].asDouble()) + ", " +
+                      joined(main->second) + " agreed on " + who(main->first);
+        brief += "  " + sentence + " (within " + seconds(latest) + ").";
+        for (const auto& bm : byMaster) {
+            if (&bm != &*main && bm.second.size() == 1 && nameOfLabel[bm.first] == bm.second[0]) {
+                brief += " " + bm.second[0] + ", on its own, serves itself.";
+            }
+        }
+        brief += "\n";
+    }
+    if (!brief.empty()) {
+        o << "In short:\n" << brief << "\n";
+    }
+
     o << "What happened:\n";
     for (const auto& h : s["timeline"]) {
         o << "  at " << std::setw(6) << seconds(h["time"].asDouble()) << ": " << h["event"].asString()
@@ -513,6 +555,28 @@ std::string Scenario::summaryText() const
         o << " (settled within " << seconds(latest) << ").\n";
     }
     o << "\nAt the end:\n";
+    // Right after the start each daemon knows no other module yet and serves
+    // time itself for a moment: worth saying, or the early script calls
+    // look like a fault.
+    bool earlyStarts = s["modules"].size() > 1;
+    double firstResult = 1e18;
+    if (!s["elections"].empty()) {
+        for (const auto& name : s["elections"][0]["results"].getMemberNames()) {
+            firstResult = std::min(firstResult, s["elections"][0]["results"][name]["time"].asDouble());
+        }
+    }
+    for (const auto& m : s["modules"]) {
+        bool started = false;
+        for (const auto& c : m["scriptCalls"]) {
+            started = started || (c["time"].asDouble() < firstResult && c["args"].asString() != "stop" &&
+                                  c["script"].asString() != "stop_ntpd.sh");
+        }
+        earlyStarts = earlyStarts && started;
+    }
+    if (earlyStarts) {
+        o << "  (Right after the start each module knows no other yet and starts its time service for a\n"
+             "   moment; once the election is done only the master keeps it.)\n";
+    }
     for (const auto& m : s["modules"]) {
         std::string name = m["name"].asString();
         o << "  " << name << ": ";
