@@ -31,10 +31,20 @@ namespace tsdsim {
 //   tsdsim::Module& ma = world.addModule(a);
 //   world.plug(ma, tsdsim::Side::Rear, bus);   // firewire0 of "a" on the bus
 //   ...                                        // more modules
-//   world.startAll();                          // velad, publisher, watcher, tsd
+//   world.startAll({"-d"});                    // velad, publisher, watcher,
+//                                              // "sync/param", then tsd -d
 //   bool ok = world.waitFor([&] { return ma.state("sync/master") == "0A7C31000102"; },
 //                           std::chrono::seconds(20));
 //   world.setCut(ma, tsdsim::Side::Rear, true); // unplug the cable
+//   int status = ma.stopTsd(SIGTERM);          // wait status of the daemon
+//
+// Finer steps for daemon tests: Module::startVelad(), startBusClients(),
+// setParam(), startTsd(args); observe with Module::state()/states()/events()
+// (what the daemon published), syslog() (with priorities), scriptCalls() (the
+// time-service scripts), runFile("timesync/ptp4l.cfg"), output("tsd"); reach
+// in with Module::run() (a command inside the module), openSocket() or
+// McastSocket (raw telegrams on a module's interface). Bus::setLoss(),
+// setDuplicate(), setDelay() impair a bus. All of it needs root.
 //
 // Reachable devices follow the cabling: after every plug, cut or unplug the
 // world republishes, on each module's bus, one state
@@ -49,8 +59,8 @@ class World
 public:
     struct Options
     {
-        // Where velad, vela and tsd are; empty: the directory of the running
-        // executable, or $TSDSIM_BIN_DIR when set.
+        // Where velad, vela and tsd are; empty: $TSDSIM_BIN_DIR when set,
+        // else the directory of the running executable (build/bin).
         std::string binDir;
         // Base of the world's directory; empty: /tmp.
         std::string baseDir;
