@@ -126,7 +126,7 @@ TEST(ConfigParams, WithoutAnyFileEveryGetterGivesDefaultAndOneErrorIsLogged)
 TEST(ConfigParams, MalformedFilesEverywhereGiveDefaults)
 {
     runIsolated([] {
-        const std::string noise = std::string("\xff\xfe<<>>\0garbage", 16);
+        const std::string noise = std::string("\xff\xfe<<>>\0garbage", 14);
         prepareEtc(&noise);
         enterWorkingDirectory("<TimeSyncDaemon>");
         SyslogCapture capture;
