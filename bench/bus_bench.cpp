@@ -451,6 +451,8 @@ struct MqttClient
     MqttClient(std::uint16_t port, const std::string& topic) : subscribeTopic(topic)
     {
         m = mosquitto_new(nullptr, true, this);
+        // The bus peers disable Nagle's algorithm too; compare like with like.
+        mosquitto_int_option(m, MOSQ_OPT_TCP_NODELAY, 1);
         mosquitto_connect_callback_set(m, [](mosquitto* mq, void* self, int rc) {
             auto* c = static_cast<MqttClient*>(self);
             if (rc == 0 && !c->subscribeTopic.empty()) {
@@ -687,7 +689,8 @@ int main(int argc, char** argv)
             // No per-client queue limit: the comparison is about speed, not
             // about which broker drops first.
             << "max_queued_messages 0\n"
-            << "max_inflight_messages 0\n";
+            << "max_inflight_messages 0\n"
+            << "set_tcp_nodelay true\n";
     }
     ::chmod(dir, 0755);
     ::chmod(conf.c_str(), 0644);
