@@ -196,33 +196,50 @@ Module::Module(World& world, const ModuleSetup& setup, int index)
     : m_world(world), m_setup(setup), m_index(index), m_param(setup.param)
 {
     m_dir = world.dir() + "/" + setup.name;
-    buildFiles();
-    openSyslog();
-    startHolder();
+    try {
+        buildFiles();
+        openSyslog();
+        startHolder();
+    } catch (...) {
+        // No destructor runs for a constructor that throws: give back the
+        // socket registration and the holder process here.
+        release();
+        throw;
+    }
 }
 
 Module::~Module()
 {
     stop();
+    release();
+}
+
+void Module::release()
+{
     if (m_syslogFd >= 0) {
         m_world.io().removeFd(m_syslogFd);
         ::close(m_syslogFd);
+        m_syslogFd = -1;
     }
     for (auto& p : m_ports) {
         if (p.bus) {
             p.bus->detach(p.portId);
+            p.bus = nullptr;
         }
     }
     if (m_netns >= 0) {
         ::close(m_netns);
+        m_netns = -1;
     }
     if (m_mntns >= 0) {
         ::close(m_mntns);
+        m_mntns = -1;
     }
     if (m_holder > 0) {
         ::kill(m_holder, SIGKILL);
         int st;
         ::waitpid(m_holder, &st, 0);
+        m_holder = -1;
     }
 }
 

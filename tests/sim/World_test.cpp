@@ -329,3 +329,24 @@ TEST(World, PublisherAndWatcherWorkOnTheModuleBusAndSurviveABrokerRestart)
     // The other module's bus is its own: nothing arrived there.
     EXPECT_TRUE(b.state("sync/param").isNull());
 }
+
+TEST(World, BadRequestsThrowAndLeaveTheWorldUsable)
+{
+    World world;
+    tsdsim::Bus& bus = world.addBus("b");
+    EXPECT_THROW(world.addBus("b"), std::runtime_error);
+    Module& a = world.addModule(setup("a", 0x000101));
+    EXPECT_THROW(world.addModule(setup("a", 0x000102)), std::runtime_error);
+    EXPECT_THROW(world.addModule(setup("", 0x000103)), std::runtime_error);
+    EXPECT_THROW(world.addModule(setup("x/y", 0x000104)), std::runtime_error);
+    world.plug(a, Side::Rear, bus);
+    EXPECT_THROW(world.plug(a, Side::Rear, bus), std::runtime_error);
+    // A missing program is a clear failure, not a hang.
+    World::Options o;
+    o.binDir = "/nonexistent";
+    World empty(o);
+    Module& b = empty.addModule(setup("b", 0x000105));
+    EXPECT_FALSE(b.startVelad());
+    EXPECT_FALSE(b.startTsd());
+    EXPECT_EQ(inside(a, {"/bin/cat", "/sys/class/net/firewire0/type"}), "24\n");
+}

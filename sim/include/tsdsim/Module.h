@@ -154,6 +154,8 @@ private:
     };
 
     void buildFiles();
+    // Gives back the holder, namespaces, ports and syslog socket.
+    void release();
     void startHolder();
     void openSyslog();
     void onSyslog();
