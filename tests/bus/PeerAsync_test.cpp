@@ -17,6 +17,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <optional>
@@ -172,6 +173,62 @@ TEST_F(PeerAsyncTest, FetchIdComesAtOnceAndAnswerFollowsTheInitialAdds)
 
     const int id2 = fetcher->addFetchAsync(m, rec.callback());
     EXPECT_NE(id2, id);
+}
+
+TEST_F(PeerAsyncTest, EachMatcherCriterionSelectsItsPaths)
+{
+    startBroker();
+    auto owner = peer();
+    std::optional<Json::Value> done;
+    for (const char* path : {"sync/param", "sync/params", "sync/app", "sync/errors/-1",
+                             "reachableDevices/firewire0/0A7C31000001", "other/x"}) {
+        owner->addStateAsync(path, 0, store(done));
+    }
+    ASSERT_TRUE(runUntil(loop, [&] { return done.has_value(); }));
+    struct Case
+    {
+        vela::matcher_t m;
+        std::vector<std::string> expected;  // "add" paths, in path order
+    };
+    std::vector<Case> cases(6);
+    cases[0].m.equals = "sync/param";
+    cases[0].expected = {"sync/param"};
+    cases[1].m.startsWith = "reachableDevices/firewire";
+    cases[1].expected = {"reachableDevices/firewire0/0A7C31000001"};
+    cases[2].m.endsWith = "/x";
+    cases[2].expected = {"other/x"};
+    cases[3].m.contains = "errors";
+    cases[3].expected = {"sync/errors/-1"};
+    cases[4].m.equalsNot = "sync/app";
+    cases[4].expected = {"other/x", "reachableDevices/firewire0/0A7C31000001", "sync/errors/-1", "sync/param",
+                         "sync/params"};
+    cases[5].m.startsWith = "sync/";
+    cases[5].m.endsWith = "s";
+    cases[5].m.equalsNot = "sync/params";
+    cases[5].expected = {};
+    auto fetcher = peer();
+    std::vector<Recorder> recs(cases.size());
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        fetcher->addFetchAsync(cases[i].m, recs[i].callback(), recs[i].response());
+    }
+    ASSERT_TRUE(runUntil(loop, [&] {
+        return std::all_of(recs.begin(), recs.end(), [](const Recorder& r) { return r.answer.has_value(); });
+    }));
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        std::vector<std::string> got;
+        for (const Event& e : recs[i].events) {
+            got.push_back(e.path);
+        }
+        EXPECT_EQ(got, cases[i].expected) << "case " << i;
+    }
+    // Later additions are filtered the same way.
+    owner->addStateAsync("sync/paramsx", 1);
+    owner->addStateAsync("more/x", 1);
+    ASSERT_TRUE(runUntil(loop, [&] { return recs[2].count("add", "more/x") == 1; }));
+    ASSERT_TRUE(runUntil(loop, [&] { return recs[4].count("add", "more/x") == 1; }));
+    EXPECT_EQ(recs[0].events.size(), 1u);
+    EXPECT_EQ(recs[3].events.size(), 1u);
+    EXPECT_EQ(recs[4].count("add", "sync/paramsx"), 1u);
 }
 
 TEST_F(PeerAsyncTest, ChangesAndRemovalReachFetchers)
