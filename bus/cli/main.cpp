@@ -345,7 +345,8 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    signal(SIGPIPE, SIG_IGN);
+    // SIGPIPE stays at its default: `vela watch | head -1` must end when its
+    // reader does. The bus socket never raises it (MSG_NOSIGNAL).
     orv::sys::EventLoop loop;
     g_loop = &loop;
     struct sigaction sa;
