@@ -1,25 +1,20 @@
 // One real tsd in namespaces of its own, with its own velad, wired on both
 // sides to simulated FireWire buses. The other end of both cables belongs to
-// a module without a daemon: the test plays it with plain UDP sockets in that
+// a module without a daemon: the test plays it with raw multicast sockets in that
 // module's network namespace, so that every telegram is the test's own.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tsdsim/Bus.h"
+#include "tsdsim/McastSocket.h"
 #include "tsdsim/Module.h"
-#include "tsdsim/ModuleSpec.h"
+#include "tsdsim/ModuleSetup.h"
 #include "tsdsim/World.h"
 
 using namespace std::chrono_literals;
@@ -33,9 +28,9 @@ constexpr std::uint32_t kTesterUuid = 0x000c02;
 const char kGroup[] = "239.255.77.9";
 constexpr unsigned kPort = 14900;
 
-tsdsim::ModuleSpec spec(const std::string& name, std::uint32_t uuid)
+tsdsim::ModuleSetup spec(const std::string& name, std::uint32_t uuid)
 {
-    tsdsim::ModuleSpec s;
+    tsdsim::ModuleSetup s;
     s.name = name;
     s.uuid = uuid;
     s.type = "RZ";
@@ -46,49 +41,17 @@ tsdsim::ModuleSpec spec(const std::string& name, std::uint32_t uuid)
     return s;
 }
 
-// A UDP socket at the tester's end of one cable, on one port of the group.
+// The tester's end of one cable: the simulator's raw multicast socket, and
+// everything it heard.
 class TesterPort
 {
 public:
-    TesterPort(const Module& tester, Side side, unsigned port) : m_port(port)
+    TesterPort(const Module& tester, Side side, unsigned port) : m_socket(tester, kGroup, port, side)
     {
-        m_fd = tester.openSocket(SOCK_DGRAM);
-        EXPECT_GE(m_fd, 0);
-        const std::string own = tester.address(side);
-        in_addr ownAddress{};
-        inet_pton(AF_INET, own.c_str(), &ownAddress);
-        inet_pton(AF_INET, kGroup, &m_group);
+        EXPECT_TRUE(m_socket.ok());
+    }
 
-        sockaddr_in bindAddress{};
-        bindAddress.sin_family = AF_INET;
-        bindAddress.sin_port = htons(static_cast<std::uint16_t>(port));
-        bindAddress.sin_addr = m_group;
-        EXPECT_EQ(::bind(m_fd, reinterpret_cast<sockaddr*>(&bindAddress), sizeof bindAddress), 0);
-        ip_mreq membership{};
-        membership.imr_multiaddr = m_group;
-        membership.imr_interface = ownAddress;
-        EXPECT_EQ(::setsockopt(m_fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership), 0);
-        EXPECT_EQ(::setsockopt(m_fd, IPPROTO_IP, IP_MULTICAST_IF, &ownAddress, sizeof ownAddress), 0);
-        const unsigned char off = 0;
-        ::setsockopt(m_fd, IPPROTO_IP, IP_MULTICAST_LOOP, &off, sizeof off);
-    }
-    ~TesterPort()
-    {
-        if (m_fd >= 0)
-            ::close(m_fd);
-    }
-    TesterPort(const TesterPort&) = delete;
-    TesterPort& operator=(const TesterPort&) = delete;
-
-    void send(const std::string& text)
-    {
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(static_cast<std::uint16_t>(m_port));
-        to.sin_addr = m_group;
-        EXPECT_EQ(::sendto(m_fd, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to),
-                  static_cast<ssize_t>(text.size()));
-    }
+    void send(const std::string& text) { EXPECT_TRUE(m_socket.send(text)) << text; }
 
     // Waits for a telegram equal to text; the seconds it took, or -1.
     double waitFor(const std::string& text, std::chrono::milliseconds timeout)
@@ -96,14 +59,9 @@ public:
         const auto start = std::chrono::steady_clock::now();
         const auto deadline = start + timeout;
         while (std::chrono::steady_clock::now() < deadline) {
-            pollfd p{m_fd, POLLIN, 0};
-            if (::poll(&p, 1, 20) <= 0)
+            const std::string received = m_socket.receive(20ms);
+            if (received.empty())
                 continue;
-            char buffer[2048];
-            const ssize_t n = ::recv(m_fd, buffer, sizeof buffer, 0);
-            if (n <= 0)
-                continue;
-            const std::string received(buffer, static_cast<std::size_t>(n));
             m_heard.push_back(received);
             if (received == text)
                 return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -114,9 +72,7 @@ public:
     const std::vector<std::string>& heard() const { return m_heard; }
 
 private:
-    int m_fd = -1;
-    unsigned m_port;
-    in_addr m_group{};
+    tsdsim::McastSocket m_socket;
     std::vector<std::string> m_heard;
 };
 
@@ -140,7 +96,7 @@ TEST(SingleModule, AnswersStartsRaisesErrorsAndStopsCleanly)
     tsdsim::World world;
     tsdsim::Bus& rearBus = world.addBus("rear");
     tsdsim::Bus& frontBus = world.addBus("front");
-    tsdsim::ModuleSpec tester = spec("tester", kTesterUuid);
+    tsdsim::ModuleSetup tester = spec("tester", kTesterUuid);
     tester.publishParam = false;
     Module& daemon = world.addModule(spec("daemon", kDaemonUuid));
     Module& peer = world.addModule(tester);
