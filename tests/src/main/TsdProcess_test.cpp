@@ -432,3 +432,36 @@ TEST(TsdProcess, WithoutConfigurationTheRearReceiverCannotStartAndEndsWith255)
         EXPECT_EQ(capture.count(LOG_ERR, "could not start back side multicast receiver!"), 1u);
     });
 }
+
+TEST(TsdProcess, FrontAddressThatGoesAndComesBackDropsAndRestoresTheFrontMembership)
+{
+    isolated([] {
+        Surroundings s;
+        SyslogCapture capture;
+        Tsd tsd;
+        ASSERT_TRUE(s.waitRunning(tsd)) << tsd.err();
+        const auto frontAnswered = [&](std::chrono::milliseconds timeout) {
+            const std::size_t before = s.net.peer->heard(1).size();
+            s.net.peer->send(1, "<sync>:start:1:<sync>");
+            return runUntil(
+                s.net.loop, [&] { return s.net.peer->heard(1).size() > before; }, timeout);
+        };
+        ASSERT_TRUE(frontAnswered(5s));
+
+        ASSERT_TRUE(orvtest::run("ip addr del 169.254.2.1/24 dev firewire1"));
+        ASSERT_TRUE(runUntil(
+            s.net.loop, [&] { return capture.countText("ADDRESS_REMOVED") > 0; }, 5s))
+            << capture.dump();
+        EXPECT_EQ(capture.count(LOG_DEBUG, "PRONT_INTERFACE firewire1 ip: 169.254.2.1 "), 2u)
+            << capture.dump();
+        EXPECT_FALSE(frontAnswered(1s)) << "the front receiver left the group on firewire1";
+
+        ASSERT_TRUE(orvtest::run("ip addr add 169.254.2.1/24 dev firewire1"));
+        ASSERT_TRUE(runUntil(
+            s.net.loop, [&] { return capture.countText("ADDRESS_ADDED ") >= 3; }, 5s))
+            << capture.dump();
+        EXPECT_TRUE(frontAnswered(5s));
+        tsd.signal(SIGTERM);
+        EXPECT_EQ(tsd.wait(10s), 0);
+    });
+}
