@@ -28,7 +28,7 @@ constexpr std::uint32_t kTesterUuid = 0x000c02;
 const char kGroup[] = "239.255.77.9";
 constexpr unsigned kPort = 14900;
 
-tsdsim::ModuleSetup spec(const std::string& name, std::uint32_t uuid)
+tsdsim::ModuleSetup setupFor(const std::string& name, std::uint32_t uuid)
 {
     tsdsim::ModuleSetup s;
     s.name = name;
@@ -96,9 +96,9 @@ TEST(SingleModule, AnswersStartsRaisesErrorsAndStopsCleanly)
     tsdsim::World world;
     tsdsim::Bus& rearBus = world.addBus("rear");
     tsdsim::Bus& frontBus = world.addBus("front");
-    tsdsim::ModuleSetup tester = spec("tester", kTesterUuid);
+    tsdsim::ModuleSetup tester = setupFor("tester", kTesterUuid);
     tester.publishParam = false;
-    Module& daemon = world.addModule(spec("daemon", kDaemonUuid));
+    Module& daemon = world.addModule(setupFor("daemon", kDaemonUuid));
     Module& peer = world.addModule(tester);
     world.plug(daemon, Side::Rear, rearBus);
     world.plug(peer, Side::Rear, rearBus);

@@ -15,7 +15,7 @@
 
 #include "tsdsim/Bus.h"
 #include "tsdsim/Module.h"
-#include "tsdsim/ModuleSpec.h"
+#include "tsdsim/ModuleSetup.h"
 #include "tsdsim/World.h"
 
 using namespace std::chrono_literals;
@@ -28,9 +28,9 @@ constexpr std::uint32_t kUuidA = 0x000b01;
 constexpr std::uint32_t kUuidB = 0x000b02;
 constexpr std::uint32_t kUuidC = 0x000b03;
 
-tsdsim::ModuleSpec spec(const std::string& name, std::uint32_t uuid)
+tsdsim::ModuleSetup setupFor(const std::string& name, std::uint32_t uuid)
 {
-    tsdsim::ModuleSpec s;
+    tsdsim::ModuleSetup s;
     s.name = name;
     s.uuid = uuid;
     s.type = "RZ";
@@ -64,7 +64,7 @@ bool follows(const Module& m, std::uint32_t uuid)
 // restarts the election before the devices are known).
 bool agree(const std::vector<const Module*>& followers, const Module& master)
 {
-    const std::uint32_t uuid = master.spec().uuid;
+    const std::uint32_t uuid = master.setup().uuid;
     for (const Module* m : followers) {
         if (!follows(*m, uuid)) {
             return false;
@@ -118,9 +118,9 @@ TEST(ThreeModulesElection, ElectTheLargestUuidThenFailOverWhenTheMasterGoes)
 {
     tsdsim::World world;
     tsdsim::Bus& bus = world.addBus("chain");
-    Module& a = world.addModule(spec("a", kUuidA));
-    Module& b = world.addModule(spec("b", kUuidB));
-    Module& c = world.addModule(spec("c", kUuidC));
+    Module& a = world.addModule(setupFor("a", kUuidA));
+    Module& b = world.addModule(setupFor("b", kUuidB));
+    Module& c = world.addModule(setupFor("c", kUuidC));
     for (Module* m : {&a, &b, &c}) {
         world.plug(*m, Side::Rear, bus);
     }
@@ -200,9 +200,9 @@ TEST(ThreeModulesElection, FailingScriptsAreLoggedAndTheMasterStillElected)
 {
     tsdsim::World world;
     tsdsim::Bus& bus = world.addBus("chain");
-    Module& a = world.addModule(spec("a", kUuidA));
-    Module& b = world.addModule(spec("b", kUuidB));
-    Module& c = world.addModule(spec("c", kUuidC));
+    Module& a = world.addModule(setupFor("a", kUuidA));
+    Module& b = world.addModule(setupFor("b", kUuidB));
+    Module& c = world.addModule(setupFor("c", kUuidC));
     for (Module* m : {&a, &b, &c}) {
         world.plug(*m, Side::Rear, bus);
         m->setScriptStatus("ptp4ladm.sh", 3);
@@ -229,7 +229,7 @@ TEST(SingleModuleBadInput, ParameterValuesOfWrongTypesAreSurvived)
 {
     tsdsim::World world;
     tsdsim::Bus& bus = world.addBus("chain");
-    tsdsim::ModuleSpec s = spec("solo", kUuidA);
+    tsdsim::ModuleSetup s = setupFor("solo", kUuidA);
     s.publishParam = false;  // this test owns "sync/param" itself
     Module& solo = world.addModule(s);
     world.plug(solo, Side::Rear, bus);

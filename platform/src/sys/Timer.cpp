@@ -50,18 +50,18 @@ int Timer::set(std::chrono::milliseconds period, bool repeat, Callback callback)
     if (period.count() < 0) {
         return -EINVAL;
     }
-    itimerspec spec{};
-    spec.it_value = toTimespec(period);
+    itimerspec setting{};
+    setting.it_value = toTimespec(period);
     if (period.count() == 0) {
         // An all-zero it_value would disarm the timerfd; due at once instead.
-        spec.it_value.tv_nsec = 1;
+        setting.it_value.tv_nsec = 1;
     }
     if (repeat) {
-        spec.it_interval = spec.it_value;
+        setting.it_interval = setting.it_value;
     }
     // Re-arming also discards an expiry that is counted but not yet read, so a
     // replaced period never fires late for the old setting.
-    if (::timerfd_settime(m_fd, 0, &spec, nullptr) != 0) {
+    if (::timerfd_settime(m_fd, 0, &setting, nullptr) != 0) {
         return -errno;
     }
     m_pending = true;
