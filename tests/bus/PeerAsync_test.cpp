@@ -505,14 +505,19 @@ TEST_F(PeerAsyncTest, BrokerRestartRestoresStatesAndFetches)
     rec.answer.reset();
     startBroker(fixed);
     ASSERT_TRUE(runUntil(loop, [&] {
-        return owner->isConnected() && fetcher->isConnected() && rec.count("add", "sync/master") == 1 &&
-               rec.count("add", "sync/app") == 1 && rec.count("remove", "sync/ghost") == 1;
+        return owner->isConnected() && fetcher->isConnected() && rec.count("change", "sync/master") == 1 &&
+               rec.count("remove", "sync/ghost") == 1;
     })) << rec.events.size();
-    // States whose owner came back are not reported removed in between.
+    // The fetch callback sees only what changed across the break: the value
+    // changed while the broker was away comes as "change", the unchanged
+    // state is not reported again, and nothing is reported removed in between.
+    EXPECT_EQ(rec.count("add"), 0u);
+    EXPECT_EQ(rec.count("change", "sync/app"), 0u);
     EXPECT_EQ(rec.count("remove", "sync/master"), 0u);
     EXPECT_EQ(rec.count("remove", "sync/app"), 0u);
     EXPECT_EQ(rec.last("sync/master")->value, "B");
-    EXPECT_EQ(rec.last("sync/app")->value, 1);
+    EXPECT_EQ(rec.last("sync/ghost")->value, 0);
+    ASSERT_EQ(rec.events.size(), 2u);
     EXPECT_EQ(*broker->core().valueText("sync/master"), "\"B\"");
     EXPECT_EQ(broker->core().stateCount(), 2u);
 
@@ -524,9 +529,11 @@ TEST_F(PeerAsyncTest, BrokerRestartRestoresStatesAndFetches)
     EXPECT_EQ((*r)["result"], "ok");
     ASSERT_EQ(sets.size(), 1u);
 
-    // Changes after the restore flow as before.
+    // Changes after the restore flow as before, and a new state is an "add".
     owner->notifyState("sync/master", "C");
-    ASSERT_TRUE(runUntil(loop, [&] { return rec.count("change", "sync/master") == 1; }));
+    ASSERT_TRUE(runUntil(loop, [&] { return rec.count("change", "sync/master") == 2; }));
+    owner->addStateAsync("sync/errors/-2", "y");
+    ASSERT_TRUE(runUntil(loop, [&] { return rec.count("add", "sync/errors/-2") == 1; }));
 
     // The connection loss and its restoration are logged once each per peer,
     // not once per retry.

@@ -79,10 +79,14 @@ struct PeerAsync::Impl
         matcher_t matcher;
         FetchCallback onNotify;
         std::vector<ResponseCallback> waiting;
-        // Paths this fetch has reported as present. After a reconnection the
-        // ones not reported again within kStaleGrace have vanished meanwhile
-        // and get a "remove".
-        std::set<std::string> known;
+        // Paths this fetch has reported as present, with the value last
+        // reported. A broker restart is invisible to the fetch callback: after
+        // a reconnection the broker's replayed "add" of a known path is
+        // swallowed when the value is the one reported before, and reported
+        // as "change" when it changed during the break. Known paths not
+        // reported again within kStaleGrace have vanished meanwhile and get a
+        // "remove".
+        std::map<std::string, Json::Value> known;
         std::set<std::string> stale;
     };
     enum class Kind
@@ -267,8 +271,9 @@ struct PeerAsync::Impl
         for (auto& [id, fetch] : fetches) {
             // Whatever was known before the break is suspect until the
             // broker reports it again.
-            fetch.stale.merge(fetch.known);
-            fetch.known.clear();
+            for (const auto& entry : fetch.known) {
+                fetch.stale.insert(entry.first);
+            }
             Pending pf{Kind::kFetch, std::move(fetch.waiting), {}, 0, id};
             fetch.waiting.clear();
             sendRequest(p::kFetch, fetchParams(id, fetch), std::move(pf));
@@ -565,7 +570,11 @@ struct PeerAsync::Impl
                 Json::Value n(Json::objectValue);
                 n["path"] = path;
                 n["event"] = p::kEventRemove;
-                n["value"] = Json::Value();
+                auto last = f->second.known.find(path);
+                n["value"] = last == f->second.known.end() ? Json::Value() : last->second;
+                if (last != f->second.known.end()) {
+                    f->second.known.erase(last);
+                }
                 FetchCallback cb = f->second.onNotify;
                 if (cb) {
                     guarded("fetch callback", [&] { cb(n, fetchId); });
@@ -602,15 +611,25 @@ struct PeerAsync::Impl
             if (f == fetches.end()) {
                 continue;  // removed meanwhile; the unfetch is on its way
             }
-            if (eventText == p::kEventAdd) {
-                f->second.stale.erase(pathText);
-                f->second.known.insert(pathText);
+            FetchEntry& fetch = f->second;
+            Json::Value delivered = n;
+            if (eventText == p::kEventAdd && fetch.stale.erase(pathText) > 0) {
+                // The broker's replay after a reconnection.
+                Json::Value& before = fetch.known[pathText];
+                if (before == n["value"]) {
+                    continue;
+                }
+                delivered["event"] = p::kEventChange;
+                before = n["value"];
             } else if (eventText == p::kEventRemove) {
-                f->second.known.erase(pathText);
+                fetch.known.erase(pathText);
+                fetch.stale.erase(pathText);
+            } else {
+                fetch.known[pathText] = n["value"];
             }
-            FetchCallback cb = f->second.onNotify;
+            FetchCallback cb = fetch.onNotify;
             if (cb) {
-                guarded("fetch callback", [&] { cb(n, id); });
+                guarded("fetch callback", [&] { cb(delivered, id); });
                 if (!*guard) {
                     return;
                 }

@@ -40,7 +40,10 @@ using SetCallback = std::function<Json::Value(const Json::Value& value, const st
 //
 // When the broker goes away the peer reconnects with a bounded back-off and
 // restores, by itself, all its states (with their current values) and fetches;
-// the owner of the peer notices nothing but a log line.
+// the owner of the peer notices nothing but a log line. Its fetch callbacks
+// see only what really changed across the break: "change" for a state whose
+// value changed, "add" for a new one, "remove" for one that did not come back,
+// and nothing for a state that is as it was.
 class PeerAsync
 {
 public:
