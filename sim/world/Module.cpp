@@ -502,7 +502,10 @@ bool Module::startVelad()
             return false;
         }
         if (nsops::tcpReachable(m_netns, kBusPort)) {
-            return true;
+            // A watcher that lived through the broker's death would show
+            // only what changed across it (its peer hides the break), while
+            // the record was cleared with the old broker: watch afresh.
+            return !m_watcher || startWatcher();
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }

@@ -1,5 +1,6 @@
 // A module's bus broker dies and comes back: the daemon's peer reconnects and
-// restores its states, so every module shows its result again.
+// restores its states, so every module shows its result again, and the chain
+// goes on electing as before.
 #include "ChainTestUtil.h"
 
 using simtest::module;
@@ -38,6 +39,27 @@ TEST(VeladRestart, EveryModuleRestoresItsStates)
         << chain.dump();
     for (std::size_t i = 0; i < chain.size(); ++i) {
         EXPECT_TRUE(chain[i].tsdRunning());
+    }
+
+    // The restart must leave the daemons' device lists as they were: a new
+    // election after it completes on every module (a device counted twice
+    // would keep every list incomplete and raise "sync/errors/-1").
+    tsdsim::SyncParam p = chain[2].param();
+    p.threshold = 3.5;
+    chain[2].setParam(p);
+    ASSERT_TRUE(chain.world().waitFor(
+        [&] {
+            for (std::size_t i = 0; i < chain.size(); ++i) {
+                if (chain[i].state("sync/app")["master_threshold_back"].asDouble() != 3.5) {
+                    return false;
+                }
+            }
+            return true;
+        },
+        simtest::kSettle))
+        << chain.dump();
+    for (std::size_t i = 0; i < chain.size(); ++i) {
+        EXPECT_TRUE(chain[i].state("sync/errors/-1").isNull()) << chain[i].name() << "\n" << chain.dump();
     }
     chain.expectCleanExit();
 }
