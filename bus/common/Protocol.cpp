@@ -76,7 +76,8 @@ Message classify(Json::Value&& frame)
         m.error = "a message must be a JSON object";
         return m;
     }
-    const Json::Value* version = frame.find("jsonrpc", "jsonrpc" + 7);
+    static constexpr char kVersionKey[] = "jsonrpc";
+    const Json::Value* version = frame.find(kVersionKey, kVersionKey + sizeof(kVersionKey) - 1);
     if (!version || !version->isString() || version->asString() != "2.0") {
         m.error = "\"jsonrpc\" must be \"2.0\"";
         return m;
