@@ -8,14 +8,24 @@ CFG=/var/run/timesync/ptp4l.cfg
 PIDFILE=/var/run/timesync/ptp4l.pid
 PTP4L=${PTP4L:-ptp4l}
 
+# True while the process runs. A zombie has ended already; only its parent
+# has not collected it yet.
+running() {
+    kill -0 "$1" 2>/dev/null || return 1
+    case "$(ps -o stat= -p "$1" 2>/dev/null)" in
+        Z*) return 1 ;;
+    esac
+    return 0
+}
+
 stop() {
     if [ -f "$PIDFILE" ]; then
         pid=$(cat "$PIDFILE")
-        if [ -n "$pid" ] && kill -0 "$pid" 2>/dev/null; then
+        if [ -n "$pid" ] && running "$pid"; then
             kill "$pid"
             # ptp4l releases the hardware clock on exit; give it a moment.
             i=0
-            while kill -0 "$pid" 2>/dev/null && [ $i -lt 30 ]; do
+            while running "$pid" && [ $i -lt 30 ]; do
                 sleep 0.1
                 i=$((i + 1))
             done
@@ -39,7 +49,7 @@ start() {
     "$PTP4L" $(head -n 1 "$CFG") >/dev/null 2>&1 &
     echo $! > "$PIDFILE"
     sleep 0.2
-    kill -0 "$(cat "$PIDFILE")" 2>/dev/null
+    running "$(cat "$PIDFILE")"
 }
 
 case "$1" in

@@ -4,16 +4,26 @@
 
 PIDFILE=/var/run/timesync/ntpd.pid
 
+# True while the process runs. A zombie has ended already; only its parent
+# has not collected it yet.
+running() {
+    kill -0 "$1" 2>/dev/null || return 1
+    case "$(ps -o stat= -p "$1" 2>/dev/null)" in
+        Z*) return 1 ;;
+    esac
+    return 0
+}
+
 [ -f "$PIDFILE" ] || exit 0
 pid=$(cat "$PIDFILE")
-if [ -n "$pid" ] && kill -0 "$pid" 2>/dev/null; then
+if [ -n "$pid" ] && running "$pid"; then
     kill "$pid" || exit 1
     i=0
-    while kill -0 "$pid" 2>/dev/null && [ $i -lt 30 ]; do
+    while running "$pid" && [ $i -lt 30 ]; do
         sleep 0.1
         i=$((i + 1))
     done
-    kill -0 "$pid" 2>/dev/null && exit 1
+    running "$pid" && exit 1
 fi
 rm -f "$PIDFILE"
 exit 0
