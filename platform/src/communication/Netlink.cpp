@@ -95,20 +95,8 @@ struct Netlink::Impl
 
     int requestDump(std::uint16_t type, Phase next)
     {
-        char request[MNL_SOCKET_BUFFER_SIZE];
-        nlmsghdr* nlh = mnl_nlmsg_put_header(request);
-        nlh->nlmsg_type = type;
-        nlh->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-        nlh->nlmsg_seq = ++seq;
-        if (type == RTM_GETLINK) {
-            auto* info = static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
-            info->ifi_family = AF_UNSPEC;
-        } else {
-            auto* info = static_cast<ifaddrmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifaddrmsg)));
-            info->ifa_family = AF_INET;
-        }
-        if (mnl_socket_sendto(socket, nlh, nlh->nlmsg_len) < 0) {
-            return -errno;
+        if (int rc = rtnl::requestDump(socket, type, ++seq); rc < 0) {
+            return rc;
         }
         phase = next;
         return 0;

@@ -128,10 +128,10 @@ std::string prefixToMask(unsigned prefixLength)
     return text;
 }
 
-int dump(mnl_socket* socket, std::uint16_t type, std::uint32_t seq, const MessageHandler& handler)
+int requestDump(mnl_socket* socket, std::uint16_t type, std::uint32_t seq)
 {
-    std::vector<char> buffer(kReceiveBufferSize);
-    nlmsghdr* nlh = mnl_nlmsg_put_header(buffer.data());
+    char request[MNL_SOCKET_BUFFER_SIZE];
+    nlmsghdr* nlh = mnl_nlmsg_put_header(request);
     nlh->nlmsg_type = type;
     nlh->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     nlh->nlmsg_seq = seq;
@@ -145,6 +145,15 @@ int dump(mnl_socket* socket, std::uint16_t type, std::uint32_t seq, const Messag
     if (mnl_socket_sendto(socket, nlh, nlh->nlmsg_len) < 0) {
         return -errno;
     }
+    return 0;
+}
+
+int dump(mnl_socket* socket, std::uint16_t type, std::uint32_t seq, const MessageHandler& handler)
+{
+    if (int rc = requestDump(socket, type, seq); rc < 0) {
+        return rc;
+    }
+    std::vector<char> buffer(kReceiveBufferSize);
     const unsigned portid = mnl_socket_get_portid(socket);
     for (;;) {
         const ssize_t n = mnl_socket_recvfrom(socket, buffer.data(), buffer.size());

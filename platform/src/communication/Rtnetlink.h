@@ -38,6 +38,10 @@ using MessageHandler = std::function<void(const nlmsghdr*)>;
 // (-EINTR when the kernel's tables changed during the dump).
 int dump(mnl_socket* socket, std::uint16_t type, std::uint32_t seq, const MessageHandler& handler);
 
+// Sends the dump request alone (RTM_GETLINK: every link; RTM_GETADDR: every
+// IPv4 address); the answers are read by the caller. 0 or a negative errno.
+int requestDump(mnl_socket* socket, std::uint16_t type, std::uint32_t seq);
+
 // Reads every link with its IPv4 addresses and sysfs identity through a
 // socket of its own. 0 or a negative errno.
 int readAdapters(std::map<unsigned, Netadapter>& adapters);
