@@ -2,6 +2,7 @@
 // SIGTERM, which end it with status 0.
 #include "Broker.h"
 #include "Protocol.h"
+#include "StopOnSignals.h"
 
 #include <orv/sys/EventLoop.h>
 
@@ -14,15 +15,6 @@
 #include <string>
 
 namespace {
-
-orv::sys::EventLoop* g_loop = nullptr;
-
-void onStopSignal(int)
-{
-    if (g_loop) {
-        g_loop->stop();
-    }
-}
 
 void usage(FILE* out)
 {
@@ -95,13 +87,7 @@ int main(int argc, char** argv)
     }
 
     orv::sys::EventLoop loop;
-    g_loop = &loop;
-    struct sigaction sa;
-    std::memset(&sa, 0, sizeof sa);
-    sa.sa_handler = onStopSignal;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
+    vela::StopOnSignals stopOnSignals(loop);
     // A peer that vanishes mid-write must not kill the broker.
     signal(SIGPIPE, SIG_IGN);
 
@@ -117,6 +103,5 @@ int main(int argc, char** argv)
     std::printf("velad listening on %s:%u\n", options.address.c_str(), unsigned{broker.port()});
     std::fflush(stdout);
     rc = loop.execute();
-    g_loop = nullptr;
     return rc < 0 ? 1 : 0;
 }

@@ -4,6 +4,7 @@
 #include "CliOptions.h"
 #include "Command.h"
 #include "JsonText.h"
+#include "StopOnSignals.h"
 
 #include <orv/sys/EventLoop.h>
 
@@ -16,15 +17,6 @@
 namespace {
 
 using vela::cli::CliOptions;
-
-orv::sys::EventLoop* g_loop = nullptr;
-
-void onStopSignal(int)
-{
-    if (g_loop) {
-        g_loop->stop();
-    }
-}
 
 }  // namespace
 
@@ -49,13 +41,7 @@ int main(int argc, char** argv)
     // SIGPIPE stays at its default: `vela watch | head -1` must end when its
     // reader does. The bus socket never raises it (MSG_NOSIGNAL).
     orv::sys::EventLoop loop;
-    g_loop = &loop;
-    struct sigaction sa;
-    std::memset(&sa, 0, sizeof sa);
-    sa.sa_handler = onStopSignal;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
+    vela::StopOnSignals stopOnSignals(loop);
 
     vela::cli::Command command(loop, options);
     const std::string arg0 = options.args.empty() ? std::string() : options.args[0];
@@ -71,7 +57,6 @@ int main(int argc, char** argv)
         return 1;
     }
     int rc = loop.execute();
-    g_loop = nullptr;
     if (rc < 0) {
         std::fprintf(stderr, "vela: event loop failed: %s\n", std::strerror(-rc));
         return 1;
