@@ -333,6 +333,43 @@ TEST(TsdProcess, FrontPortWithoutAddressRunsWithRearOnlyAndSaysNothing)
     });
 }
 
+TEST(TsdProcess, FrontPortWithoutAddressAtStartIsNeverServedAndSaysNothing)
+{
+    isolated([] {
+        Surroundings s;
+        // The front port is there, but has no address when the daemon starts.
+        ASSERT_TRUE(orvtest::run("ip addr del 169.254.2.1/24 dev firewire1"));
+        SyslogCapture capture;
+        Tsd tsd;
+        ASSERT_TRUE(s.waitRunning(tsd)) << tsd.err();
+        ASSERT_TRUE(s.answered());
+        const auto frontAnswered = [&](std::chrono::milliseconds timeout) {
+            const std::size_t before = s.net.peer->heard(1).size();
+            s.net.peer->send(1, "<sync>:start:1:<sync>");
+            return runUntil(
+                s.net.loop, [&] { return s.net.peer->heard(1).size() > before; }, timeout);
+        };
+        EXPECT_FALSE(frontAnswered(1s)) << "no front receiver was started";
+
+        // An address that comes later joins a receiver that never listens.
+        ASSERT_TRUE(orvtest::run("ip addr add 169.254.2.1/24 dev firewire1"));
+        ASSERT_TRUE(runUntil(
+            s.net.loop, [&] { return capture.countText("PRONT_INTERFACE firewire1 ip: 169.254.2.1 ") > 0; },
+            5s))
+            << capture.dump();
+        EXPECT_FALSE(frontAnswered(1s));
+        ASSERT_TRUE(s.answered());
+
+        for (const char* text :
+             {"front side interface not available!", "could not start front side multicast receiver!",
+              "could not add interface to front side multicast receiver!",
+              "error detecting front side firewire interface"})
+            EXPECT_EQ(capture.countText(text), 0u) << text << '\n' << capture.dump();
+        tsd.signal(SIGTERM);
+        EXPECT_EQ(tsd.wait(10s), 0);
+    });
+}
+
 TEST(TsdProcess, FrontReceiverFailureIsOnlyLogged)
 {
     isolated([] {
