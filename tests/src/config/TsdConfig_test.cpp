@@ -305,3 +305,18 @@ TEST_F(TsdConfigTest, DestructionEndsTheFetch)
     synctest::runFor(loop, 300ms);
     EXPECT_EQ(calls, 1);
 }
+
+TEST_F(TsdConfigTest, DestructionAlsoTakesDownSyncParamOwnedByItsPeer)
+{
+    vela::PeerAsync watcher(loop, "127.0.0.1", velad.port(), "watcher");
+    vela::matcher_t matcher;
+    matcher.equals = "sync/param";
+    std::string lastEvent;
+    watcher.addFetchAsync(matcher, [&](const Json::Value& n, int) { lastEvent = n["event"].asString(); });
+    {
+        TsdConfig config(peer, [this] { ++calls; });
+        peer.addStateAsync("sync/param", param("Ptp", 0.8));
+        ASSERT_TRUE(synctest::runUntil(loop, [&] { return calls == 1 && lastEvent == "add"; }));
+    }
+    ASSERT_TRUE(synctest::runUntil(loop, [&] { return lastEvent == "remove"; }));
+}

@@ -113,6 +113,24 @@ TEST_F(TimeSyncManagementGatewayTest, HalfKnownChainIsStoredButNotPublished)
     EXPECT_DOUBLE_EQ(value["master_threshold_front"].asDouble(), 5.0);
 }
 
+TEST_F(TimeSyncManagementGatewayTest, AloneOnItsFrontItPublishesTheRearResultAtOnce)
+{
+    publishParam("Ptp", 1.0);
+    access->reachable(REAR_FW) = {0x1};
+    tsm->initState();
+    const int before = observer.notifications("sync/app");
+
+    ASSERT_TRUE(answerAll(REAR_FW, {ModuleItem(0x1, 30, 5, 100)}));
+
+    // Nothing more to learn from the front: the half-known chain is all there is.
+    ASSERT_TRUE(runUntil(loop, [&] { return observer.notifications("sync/app") == before + 1; }));
+    const Json::Value value = app();
+    EXPECT_EQ(value["mode_back"].asInt(), 2);
+    EXPECT_EQ(value["mode_front"].asInt(), 1);
+    EXPECT_EQ(value["master_uuid_back"].asUInt(), 0x1u);
+    EXPECT_EQ(value["master_uuid_front"].asUInt(), 0u);
+}
+
 TEST_F(TimeSyncManagementGatewayTest, ForeignFrontMasterIsPropagatedBackWithRearResync)
 {
     electForeignRearMaster();

@@ -111,6 +111,20 @@ TEST_F(TimeSyncManagementTest, SetRequestOnAppStateIsLoggedStyledInDebugMode)
         << log.dump();
 }
 
+TEST_F(TimeSyncManagementTest, MasterStateAcceptsNoSetRequest)
+{
+    Json::Value response;
+    bool answered = false;
+    observer.peer().setAsync("sync/master", Json::Value("0A7C31FFFFFF"), [&](const Json::Value& r) {
+        response = r;
+        answered = true;
+    });
+    ASSERT_TRUE(runUntil(loop, [&] { return answered; }));
+    EXPECT_TRUE(response.isMember("error")) << response.toStyledString();
+    runFor(loop, 100ms);
+    EXPECT_EQ(observer.state("sync/master"), Json::Value(kOwnLabel));
+}
+
 TEST_F(TimeSyncManagementTest, NotifyParamsPublishesScaledThresholdsAndAllSixKeys)
 {
     tsm->notifyParams(SYNC_SLAVE, SYNC_ALONE, 0xabcdef, 0, 100 * 0.1, 0.0);
@@ -507,6 +521,53 @@ TEST_F(TimeSyncManagementTest, ChangeOfModulePriorityAloneDoesNotCount)
     ASSERT_TRUE(answerAll(REAR_FW, {ModuleItem(0x1, 30, 5, 0)}));
     ASSERT_TRUE(runUntil(loop, [&] { return observer.notifications("sync/app") == before + 1; }));
     EXPECT_EQ(app()["master_threshold_back"].asDouble(), 0.0);
+}
+
+TEST_F(TimeSyncManagementTest, RearResultIsPublishedAtOnceWhileTheFrontIsStillUnknown)
+{
+    publishParam("Ptp", 1.0);
+    access->reachable(REAR_FW) = {0x1};
+    access->reachable(FRONT_FW) = {0x3};
+    tsm->initState();
+    const int before = observer.notifications("sync/app");
+
+    ASSERT_TRUE(answerAll(REAR_FW, {ModuleItem(0x1, 30, 5, 100)}));
+
+    // Only a gateway waits for both sides; this module publishes every change.
+    ASSERT_TRUE(runUntil(loop, [&] { return observer.notifications("sync/app") == before + 1; }));
+    const Json::Value value = app();
+    EXPECT_EQ(value["mode_back"].asInt(), 2);
+    EXPECT_EQ(value["mode_front"].asInt(), 1);
+    EXPECT_EQ(value["master_uuid_back"].asUInt(), 0x1u);
+    EXPECT_EQ(value["master_uuid_front"].asUInt(), 0u);
+    EXPECT_DOUBLE_EQ(value["master_threshold_back"].asDouble(), 10.0);
+}
+
+TEST_F(TimeSyncManagementTest, RunningServiceRestartsOnTheRearChangeFlagWhicheverSideIsApplied)
+{
+    publishParam("Ntp", 1.0);
+    access->reachable(REAR_FW) = {0x1};
+    access->reachable(FRONT_FW) = {0x3};
+    tsm->initState();
+    ASSERT_TRUE(answerAll(REAR_FW, {ModuleItem(0x1, 1, 1, 1)}));
+    ASSERT_EQ(access->status(REAR_FW), SYNC_MASTER);
+    ASSERT_TRUE(scripts.waitCalls(1));
+    ASSERT_EQ(scripts.calls(), Lines{"start_ntpd.sh "});
+
+    // A changed front result with the rear flag clear leaves NTP alone.
+    ASSERT_TRUE(answerAll(FRONT_FW, {ModuleItem(0x3, 30, 5, 100)}));
+    ASSERT_EQ(access->status(FRONT_FW), SYNC_SLAVE);
+    runFor(loop, 200ms);
+    EXPECT_EQ(scripts.calls(), Lines{"start_ntpd.sh "});
+
+    // An unchanged front result while the rear flag is set restarts it.
+    access->changeFlag(REAR_FW) = true;
+    tsm->initFrontFirewire();
+    ASSERT_TRUE(answerAll(FRONT_FW, {ModuleItem(0x3, 30, 5, 100)}));
+    EXPECT_FALSE(access->changeFlag(FRONT_FW));
+    ASSERT_TRUE(scripts.waitCalls(3));
+    EXPECT_EQ(scripts.calls(), (Lines{"start_ntpd.sh ", "stop_ntpd.sh ", "start_ntpd.sh "}));
+    EXPECT_TRUE(NtpManage::instance().isRunning());
 }
 
 TEST_F(TimeSyncManagementTest, MasterOnFrontOnlyIsNoTimeServerAndStopsItsService)
