@@ -10,9 +10,9 @@
 #include <string>
 #include <thread>
 
-using bustest::ChildProcess;
 using bustest::runVela;
-using bustest::VeladProcess;
+using testsupport::ChildProcess;
+using testsupport::LocalVelad;
 using namespace std::chrono_literals;
 
 namespace {
@@ -60,7 +60,7 @@ bool waitGetStatus(std::uint16_t port, const std::string& path, int status)
 class CliTest : public ::testing::Test
 {
 protected:
-    VeladProcess velad{{"--quiet", "--set-timeout", "1000"}};
+    LocalVelad velad{{"--quiet", "--set-timeout", "1000"}};
 };
 
 }  // namespace
@@ -222,7 +222,7 @@ TEST_F(CliTest, BrokerRestartUnderRunningOwnAndWatch)
     ASSERT_TRUE(own.process().write("change sync/param {\"timesource\":\"Ntp\"}\n"));
     std::this_thread::sleep_for(300ms);
 
-    VeladProcess again({"--quiet"}, port);
+    LocalVelad again({"--quiet"}, port);
     ASSERT_TRUE(own.process().readLine(line, 10s));
     EXPECT_EQ(line, "ok");
     // The watcher's own peer hides the break: the value changed meanwhile
@@ -242,7 +242,7 @@ TEST(CliNoBroker, GetGivesUpWithStatusOne)
     // A port nobody listens on: velad started and stopped again.
     std::uint16_t port = 0;
     {
-        VeladProcess velad;
+        LocalVelad velad;
         port = velad.port();
     }
     std::string out, err;

@@ -26,8 +26,8 @@
 
 #include "testsupport/SyslogCapture.h"
 
-using bustest::runFor;
-using bustest::runUntil;
+using testsupport::runFor;
+using testsupport::runUntil;
 using namespace std::chrono_literals;
 
 namespace {

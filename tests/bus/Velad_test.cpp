@@ -22,9 +22,9 @@
 #include <string>
 #include <thread>
 
-using bustest::ChildProcess;
 using bustest::runVela;
-using bustest::VeladProcess;
+using testsupport::ChildProcess;
+using testsupport::LocalVelad;
 using namespace std::chrono_literals;
 namespace p = vela::protocol;
 
@@ -132,7 +132,7 @@ std::string addRequest(int id, const std::string& path, const std::string& value
 class VeladTest : public ::testing::Test
 {
 protected:
-    VeladProcess velad{{"--quiet"}};
+    LocalVelad velad{{"--quiet"}};
 
     // A well-behaved owner whose state must survive everything else.
     void addKept(RawClient& owner)
@@ -368,14 +368,14 @@ TEST(VeladProcess, RunningOutOfFdsNeitherSpinsNorStopsServing)
 TEST(VeladProcess, SigtermAndSigintEndWithStatusZero)
 {
     for (int sig : {SIGTERM, SIGINT}) {
-        VeladProcess velad;
+        LocalVelad velad;
         EXPECT_EQ(velad.process().signalAndWait(sig), 0) << sig;
     }
 }
 
 TEST(VeladProcess, PortInUseIsAnErrorExit)
 {
-    VeladProcess first{{"--quiet"}};
+    LocalVelad first{{"--quiet"}};
     ChildProcess second({bustest::veladPath(), "--port", std::to_string(first.port())});
     EXPECT_EQ(second.wait(), 1);
     EXPECT_NE(second.readAllStderr().find("cannot listen"), std::string::npos);

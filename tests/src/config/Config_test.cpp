@@ -15,6 +15,7 @@
 
 #include "../../platform/Sandbox.h"
 #include "testsupport/PrivateMounts.h"
+#include "testsupport/StreamCapture.h"
 #include "testsupport/SyslogCapture.h"
 
 // Every test runs in a forked child with its own network and mount
@@ -36,6 +37,7 @@ using orv::tsd::FRONT_FW;
 using orv::tsd::REAR_FW;
 using orvtest::runIsolated;
 using testsupport::PrivateMounts;
+using testsupport::StreamCapture;
 using testsupport::SyslogCapture;
 
 namespace {
@@ -81,43 +83,6 @@ std::unique_ptr<orvtest::Tap> firewire(const std::string& name, unsigned low24, 
     }
     return tap;
 }
-
-// Standard error of the child goes to a file while the guard lives.
-class StderrCapture
-{
-public:
-    StderrCapture()
-    {
-        std::fflush(stderr);
-        m_saved = ::dup(STDERR_FILENO);
-        m_path = PrivateMounts::scratchDir("stderr") + "/err.txt";
-        const int fd = ::open(m_path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0644);
-        ::dup2(fd, STDERR_FILENO);
-        ::close(fd);
-    }
-    ~StderrCapture() { restore(); }
-    std::string text()
-    {
-        restore();
-        std::ifstream in(m_path);
-        std::stringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
-
-private:
-    void restore()
-    {
-        if (m_saved < 0)
-            return;
-        std::fflush(stderr);
-        ::dup2(m_saved, STDERR_FILENO);
-        ::close(m_saved);
-        m_saved = -1;
-    }
-    int m_saved = -1;
-    std::string m_path;
-};
 
 }  // namespace
 
@@ -234,7 +199,7 @@ TEST(Config, WithoutAdaptersBothAddressesAreEmptyAndRearErrorIsLogged)
     runIsolated([] {
         prepare("RZ", "123456");
         SyslogCapture capture;
-        StderrCapture err;
+        StreamCapture err(STDERR_FILENO);
         const Config& config = Config::instance();
         const std::string errors = err.text();
         EXPECT_EQ(config.getInterfaceAddress(REAR_FW), "");
@@ -255,7 +220,7 @@ TEST(Config, RearAndFrontFollowTheNodeIdAndRearIsEchoedOnStderr)
         auto rear = firewire("firewire0", 0x123456, "169.254.1.5");
         auto front = firewire("firewire1", 0x923456, "169.254.2.5");
         SyslogCapture capture;
-        StderrCapture err;
+        StreamCapture err(STDERR_FILENO);
         const Config& config = Config::instance();
         const std::string errors = err.text();
         EXPECT_EQ(config.getRearInterfaceName(), "firewire0");
@@ -273,7 +238,7 @@ TEST(Config, NamesDoNotDecideTheSide)
         prepare("RZ", "123456");
         auto first = firewire("firewire0", 0x000001, "169.254.1.5");
         auto second = firewire("firewire1", 0x123456, "169.254.2.5");
-        StderrCapture err;
+        StreamCapture err(STDERR_FILENO);
         const Config& config = Config::instance();
         EXPECT_EQ(err.text(), "") << "only a rear firewire0 is echoed";
         EXPECT_EQ(config.getRearInterfaceName(), "firewire1");

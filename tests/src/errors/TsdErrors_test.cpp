@@ -9,15 +9,17 @@
 #include <orv/sys/EventLoop.h>
 #include <vela/PeerAsync.h>
 
-#include "errors/LocalBroker.h"
+#include "testsupport/BusWatcher.h"
+#include "testsupport/LocalVelad.h"
+#include "testsupport/LoopRun.h"
 #include "testsupport/SyslogCapture.h"
 
 using namespace std::chrono_literals;
 using orv::tsd::TsdErrors;
+using testsupport::BusWatcher;
+using testsupport::LocalVelad;
+using testsupport::runUntil;
 using testsupport::SyslogCapture;
-using tsdtest::BusWatcher;
-using tsdtest::LocalBroker;
-using tsdtest::runUntil;
 
 namespace {
 
@@ -52,7 +54,7 @@ protected:
             loop, [&] { return watcher->has("sync/errors/" + std::to_string(code)); }, 5s);
     }
 
-    LocalBroker broker;
+    LocalVelad broker{{"--quiet"}};
     orv::sys::EventLoop loop;
     SyslogCapture capture;
     std::unique_ptr<vela::PeerAsync> peer;

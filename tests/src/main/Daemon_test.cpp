@@ -15,7 +15,9 @@
 #include "config/Config.h"
 #include "main/Debug.h"
 #include "protocol/SideNetwork.h"
+#include "testsupport/LoopRun.h"
 #include "testsupport/PrivateMounts.h"
+#include "testsupport/StreamCapture.h"
 #include "testsupport/SyslogCapture.h"
 
 // The process-wide handlers against the process-wide objects. Each test runs
@@ -38,9 +40,10 @@ using orv::tsd::adapterList;
 using orv::tsd::netLinkEventHandler;
 using orv::tsd::receiverFront;
 using orv::tsd::receiverRear;
+using testsupport::runFor;
+using testsupport::runUntil;
+using testsupport::StreamCapture;
 using testsupport::SyslogCapture;
-using tsdtest::runFor;
-using tsdtest::runUntil;
 
 namespace {
 
@@ -132,43 +135,6 @@ void isolated(const std::function<void()>& body)
 {
     orvtest::runIsolated(body, 60);
 }
-
-// Standard output of the child goes to a file while the guard lives.
-class StdoutCapture
-{
-public:
-    StdoutCapture()
-    {
-        std::fflush(stdout);
-        m_saved = ::dup(STDOUT_FILENO);
-        m_path = testsupport::PrivateMounts::scratchDir("stdout") + "/out.txt";
-        const int fd = ::open(m_path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0644);
-        ::dup2(fd, STDOUT_FILENO);
-        ::close(fd);
-    }
-    ~StdoutCapture() { restore(); }
-    std::string text()
-    {
-        restore();
-        std::ifstream in(m_path);
-        std::stringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
-
-private:
-    void restore()
-    {
-        if (m_saved < 0)
-            return;
-        std::fflush(stdout);
-        ::dup2(m_saved, STDOUT_FILENO);
-        ::close(m_saved);
-        m_saved = -1;
-    }
-    int m_saved = -1;
-    std::string m_path;
-};
 
 }  // namespace
 
@@ -287,7 +253,7 @@ TEST(SignalHandler, UserSignalsSwitchDebugAndEchoTheirNumbers)
     isolated([] {
         orv::tsd::installSignalHandler(SIGUSR1);
         orv::tsd::installSignalHandler(SIGUSR2);
-        StdoutCapture out;
+        StreamCapture out(STDOUT_FILENO);
         ::raise(SIGUSR1);
         EXPECT_TRUE(orv::tsd::isDebugMode());
         ::raise(SIGUSR2);
@@ -305,7 +271,7 @@ TEST(SignalHandler, TerminationSignalsStopTheLoopWithSaRestart)
             ::sigaction(sig, nullptr, &action);
             EXPECT_EQ(action.sa_handler, &orv::tsd::signalHandler);
             EXPECT_TRUE(action.sa_flags & SA_RESTART);
-            StdoutCapture out;
+            StreamCapture out(STDOUT_FILENO);
             ::raise(sig);
             // The stop request waits in the loop: execute() returns at once.
             EXPECT_EQ(orv::tsd::eventloop.execute(), 0);

@@ -18,18 +18,20 @@
 #include <string>
 #include <vector>
 
-#include "errors/LocalBroker.h"
 #include "protocol/SideNetwork.h"
+#include "testsupport/BusWatcher.h"
+#include "testsupport/LocalVelad.h"
+#include "testsupport/LoopRun.h"
 #include "testsupport/PrivateMounts.h"
 #include "testsupport/SyslogCapture.h"
 
 using namespace std::chrono_literals;
+using testsupport::BusWatcher;
+using testsupport::LocalVelad;
 using testsupport::PrivateMounts;
+using testsupport::runFor;
+using testsupport::runUntil;
 using testsupport::SyslogCapture;
-using tsdtest::BusWatcher;
-using tsdtest::LocalBroker;
-using tsdtest::runFor;
-using tsdtest::runUntil;
 
 namespace {
 
@@ -63,7 +65,7 @@ public:
         const std::string dir = PrivateMounts::scratchDir("tsd" + std::to_string(++serial));
         m_out = dir + "/stdout";
         m_err = dir + "/stderr";
-        const std::string program = tsdtest::binDir() + "/tsd";
+        const std::string program = testsupport::binDir() + "/tsd";
         std::vector<std::string> all = {program};
         all.insert(all.end(), args.begin(), args.end());
         std::fflush(nullptr);
@@ -132,7 +134,7 @@ private:
 struct Surroundings
 {
     tsdtest::SideNetwork net;
-    LocalBroker broker{kBusPort};
+    LocalVelad broker{{"--quiet"}, kBusPort};
     BusWatcher watcher{net.loop, kBusPort, "sync/"};
 
     explicit Surroundings(bool withFront = true) : net(withFront)

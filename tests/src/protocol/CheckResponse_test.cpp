@@ -9,9 +9,9 @@
 #include <orv/communication/MulticastServer.h>
 #include <vela/PeerAsync.h>
 
-#include "errors/LocalBroker.h"
 #include "errors/TsdErrors.h"
-#include "protocol/SideNetwork.h"
+#include "protocol/SupervisedSides.h"
+#include "testsupport/LoopRun.h"
 #include "testsupport/SyslogCapture.h"
 
 // Real 3000 ms timers: the suite runs on its own (RUN_SERIAL) and checks lower
@@ -22,11 +22,9 @@ using orv::tsd::CheckResponse;
 using orv::tsd::FRONT_FW;
 using orv::tsd::REAR_FW;
 using orv::tsd::TsdErrors;
+using testsupport::runFor;
+using testsupport::runUntil;
 using testsupport::SyslogCapture;
-using tsdtest::BusWatcher;
-using tsdtest::LocalBroker;
-using tsdtest::runFor;
-using tsdtest::runUntil;
 
 namespace {
 
@@ -34,19 +32,9 @@ using Clock = std::chrono::steady_clock;
 
 const char kBackText[] = "Did not receive sync notification from all modules on back";
 
-// The module's side servers, its error state and a watcher of that state.
-struct Supervised
+// The module's supervised side servers, draining what reaches them.
+struct Supervised : tsdtest::SupervisedSides
 {
-    tsdtest::SideNetwork net;
-    LocalBroker broker;
-    vela::PeerAsync bus{net.loop, "127.0.0.1", broker.port()};
-    BusWatcher watcher{net.loop, broker.port(), "sync/errors/"};
-    TsdErrors errors{bus};
-    orv::communication::MulticastServer rear{*net.adapters, net.loop};
-    orv::communication::MulticastServer front{*net.adapters, net.loop};
-    CheckResponse rearCheck{REAR_FW, net.loop, rear, errors};
-    CheckResponse frontCheck{FRONT_FW, net.loop, front, errors};
-
     Supervised()
     {
         const auto drain = [](orv::communication::MulticastServer& server) {
@@ -57,8 +45,7 @@ struct Supervised
         };
         EXPECT_EQ(rear.start(tsdtest::kGroup, tsdtest::kPort, drain), 0);
         EXPECT_EQ(front.start(tsdtest::kGroup, tsdtest::kPort + 1, drain), 0);
-        EXPECT_TRUE(runUntil(
-            net.loop, [&] { return watcher.ready(); }, 5s));
+        EXPECT_TRUE(watching());
     }
 
     double secondsSince(Clock::time_point start) const

@@ -13,13 +13,13 @@
 #include <orv/communication/MulticastServer.h>
 #include <vela/PeerAsync.h>
 
-#include "errors/LocalBroker.h"
 #include "errors/TsdErrors.h"
 #include "main/Daemon.h"
 #include "main/Debug.h"
 #include "protocol/CheckResponse.h"
-#include "protocol/SideNetwork.h"
+#include "protocol/SupervisedSides.h"
 #include "sync/TimeSyncManagement.h"
+#include "testsupport/LoopRun.h"
 #include "testsupport/SyslogCapture.h"
 
 // The decoder and the answers over real multicast: the module under test has
@@ -43,12 +43,10 @@ using orv::tsd::REAR_FW;
 using orv::tsd::TimeSyncManagement;
 using orv::tsd::TimeSyncManagementTestAccess;
 using orv::tsd::TsdErrors;
+using testsupport::runFor;
+using testsupport::runUntil;
 using testsupport::SyslogCapture;
-using tsdtest::BusWatcher;
 using tsdtest::kOwnUuid;
-using tsdtest::LocalBroker;
-using tsdtest::runFor;
-using tsdtest::runUntil;
 
 namespace {
 
@@ -57,17 +55,8 @@ const char kOwnFrontItem[] = "<sync>:item:123456:a:0:0:1:<sync>";
 
 // The module under test: its side servers feed the daemon's receive handler,
 // with the supervisors, the error state and the sync manager behind it.
-struct Module
+struct Module : tsdtest::SupervisedSides
 {
-    tsdtest::SideNetwork net;
-    LocalBroker broker;
-    vela::PeerAsync bus{net.loop, "127.0.0.1", broker.port()};
-    BusWatcher watcher{net.loop, broker.port(), "sync/errors/"};
-    TsdErrors errors{bus};
-    orv::communication::MulticastServer rear{*net.adapters, net.loop};
-    orv::communication::MulticastServer front{*net.adapters, net.loop};
-    CheckResponse rearCheck{REAR_FW, net.loop, rear, errors};
-    CheckResponse frontCheck{FRONT_FW, net.loop, front, errors};
     TimeSyncManagement tsm{rear, front, net.loop, bus};
     std::vector<int> handled[2];  // what the receive handler returned, per side
 
@@ -91,8 +80,7 @@ struct Module
                               }),
                   0);
         EXPECT_EQ(front.addInterface("169.254.2.1"), 0);
-        EXPECT_TRUE(runUntil(
-            net.loop, [&] { return watcher.ready(); }, 5s));
+        EXPECT_TRUE(watching());
     }
 
     orv::tsd::CurrentModules& modules() { return TimeSyncManagementTestAccess::modules(tsm); }

@@ -22,7 +22,6 @@
 #include <orv/sys/EventLoop.h>
 
 #include "../../platform/Sandbox.h"
-#include "errors/LocalBroker.h"
 #include "testsupport/PrivateMounts.h"
 
 namespace tsdtest {
