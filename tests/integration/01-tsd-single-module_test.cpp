@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "PtpModuleSetup.h"
 #include "tsdsim/Bus.h"
 #include "tsdsim/McastSocket.h"
 #include "tsdsim/Module.h"
@@ -30,15 +31,7 @@ constexpr unsigned kPort = 14900;
 
 tsdsim::ModuleSetup setupFor(const std::string& name, std::uint32_t uuid)
 {
-    tsdsim::ModuleSetup s;
-    s.name = name;
-    s.uuid = uuid;
-    s.type = "RZ";
-    s.param.timesource = "Ptp";
-    s.param.threshold = 1.0;
-    s.group = kGroup;
-    s.port = kPort;
-    return s;
+    return integration::ptpModuleSetup(name, uuid, kGroup, kPort, 1.0);
 }
 
 // The tester's end of one cable: the simulator's raw multicast socket, and

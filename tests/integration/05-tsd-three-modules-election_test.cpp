@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "PtpModuleSetup.h"
 #include "tsdsim/Bus.h"
 #include "tsdsim/Module.h"
 #include "tsdsim/ModuleSetup.h"
@@ -30,15 +31,8 @@ constexpr std::uint32_t kUuidC = 0x000b03;
 
 tsdsim::ModuleSetup setupFor(const std::string& name, std::uint32_t uuid)
 {
-    tsdsim::ModuleSetup s;
-    s.name = name;
-    s.uuid = uuid;
-    s.type = "RZ";
-    s.param.timesource = "Ptp";
-    s.param.threshold = 1.5;
+    tsdsim::ModuleSetup s = integration::ptpModuleSetup(name, uuid, "239.255.77.5", 14500, 1.5);
     s.param.ptp4l = "-4 -E -H -i firewire0 # " + name;
-    s.group = "239.255.77.5";
-    s.port = 14500;
     return s;
 }
 
@@ -114,16 +108,26 @@ std::string dump(tsdsim::World& world)
 
 }  // namespace
 
-TEST(ThreeModulesElection, ElectTheLargestUuidThenFailOverWhenTheMasterGoes)
+// Modules a, b and c with their rear ports on one bus.
+class ThreeModulesElection : public ::testing::Test
 {
+protected:
+    ThreeModulesElection()
+    {
+        for (Module* m : {&a, &b, &c}) {
+            world.plug(*m, Side::Rear, bus);
+        }
+    }
+
     tsdsim::World world;
     tsdsim::Bus& bus = world.addBus("chain");
     Module& a = world.addModule(setupFor("a", kUuidA));
     Module& b = world.addModule(setupFor("b", kUuidB));
     Module& c = world.addModule(setupFor("c", kUuidC));
-    for (Module* m : {&a, &b, &c}) {
-        world.plug(*m, Side::Rear, bus);
-    }
+};
+
+TEST_F(ThreeModulesElection, ElectTheLargestUuidThenFailOverWhenTheMasterGoes)
+{
     const double started = world.now();
     ASSERT_TRUE(world.startAll({"-d"}));
     for (Module* m : {&a, &b, &c}) {
@@ -196,15 +200,9 @@ TEST(ThreeModulesElection, ElectTheLargestUuidThenFailOverWhenTheMasterGoes)
     }
 }
 
-TEST(ThreeModulesElection, FailingScriptsAreLoggedAndTheMasterStillElected)
+TEST_F(ThreeModulesElection, FailingScriptsAreLoggedAndTheMasterStillElected)
 {
-    tsdsim::World world;
-    tsdsim::Bus& bus = world.addBus("chain");
-    Module& a = world.addModule(setupFor("a", kUuidA));
-    Module& b = world.addModule(setupFor("b", kUuidB));
-    Module& c = world.addModule(setupFor("c", kUuidC));
     for (Module* m : {&a, &b, &c}) {
-        world.plug(*m, Side::Rear, bus);
         m->setScriptStatus("ptp4ladm.sh", 3);
     }
     ASSERT_TRUE(world.startAll());
