@@ -13,9 +13,11 @@
 #include <thread>
 
 #include "orv/sys/Timer.h"
+#include "testsupport/Watchdog.h"
 
 using orv::sys::EventLoop;
 using orv::sys::Timer;
+using testsupport::Watchdog;
 using namespace std::chrono_literals;
 
 namespace {
@@ -39,20 +41,6 @@ struct Pipe
                 fd = -1;
             }
         }
-    }
-};
-
-// Ends a loop that went wrong instead of hanging the suite.
-struct Watchdog
-{
-    Timer timer;
-    bool fired = false;
-    Watchdog(EventLoop& loop, std::chrono::milliseconds deadline) : timer(loop)
-    {
-        timer.set(deadline, false, [this, &loop](bool f) {
-            fired = f;
-            loop.stop();
-        });
     }
 };
 
@@ -110,7 +98,7 @@ TEST(EventLoop, StopIsConsumedByOneExecute)
     // The second execute must block again until something stops it.
     Watchdog watchdog(loop, 150ms);
     EXPECT_EQ(loop.execute(), 0);
-    EXPECT_TRUE(watchdog.fired);
+    EXPECT_TRUE(watchdog.fired());
 }
 
 TEST(EventLoop, ReadableFdCallsBackWithEventMask)
@@ -127,7 +115,7 @@ TEST(EventLoop, ReadableFdCallsBackWithEventMask)
     pipe.fill();
     Watchdog watchdog(loop, 5s);
     EXPECT_EQ(loop.execute(), 0);
-    EXPECT_FALSE(watchdog.fired);
+    EXPECT_FALSE(watchdog.fired());
     EXPECT_TRUE(seen & EPOLLIN);
     loop.removeFd(pipe.readEnd());
 }
@@ -176,7 +164,7 @@ TEST(EventLoop, ModifyFdChangesTheMask)
     });
     Watchdog watchdog(loop, 5s);
     EXPECT_EQ(loop.execute(), 0);
-    EXPECT_FALSE(watchdog.fired);
+    EXPECT_FALSE(watchdog.fired());
     EXPECT_EQ(calls, 1);
     loop.removeFd(pipe.writeEnd());
 }
@@ -220,7 +208,7 @@ TEST(EventLoop, RegistrationRemovedDuringARoundGetsNoFurtherEvents)
     b.fill();
     Watchdog watchdog(loop, 200ms);
     EXPECT_EQ(loop.execute(), 0);
-    EXPECT_TRUE(watchdog.fired);
+    EXPECT_TRUE(watchdog.fired());
     EXPECT_EQ(calls, 1);
 }
 
@@ -304,7 +292,7 @@ TEST(EventLoop, StopFromSignalHandlerRaisedInCallback)
     trigger.set(20ms, false, [](bool) { ::kill(::getpid(), SIGUSR1); });
     Watchdog watchdog(loop, 5s);
     EXPECT_EQ(loop.execute(), 0);
-    EXPECT_FALSE(watchdog.fired);
+    EXPECT_FALSE(watchdog.fired());
 }
 
 TEST(EventLoop, StopFromSignalHandlerWhileIdle)
@@ -324,7 +312,7 @@ TEST(EventLoop, StopFromSignalHandlerWhileIdle)
     Watchdog watchdog(loop, 10s);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(loop.execute(), 0);
-    EXPECT_FALSE(watchdog.fired);
+    EXPECT_FALSE(watchdog.fired());
     EXPECT_GE(std::chrono::steady_clock::now() - start, 150ms);
     int status = 0;
     EXPECT_EQ(::waitpid(child, &status, 0), child);

@@ -22,6 +22,7 @@
 #include "orv/communication/NetadapterList.h"
 #include "orv/sys/EventLoop.h"
 #include "orv/sys/Timer.h"
+#include "testsupport/LoopRun.h"
 
 using orv::communication::MulticastServer;
 using orv::communication::Netadapter;
@@ -31,6 +32,7 @@ using orv::sys::Timer;
 using orvtest::Netns;
 using orvtest::run;
 using orvtest::runIsolated;
+using testsupport::runUntil;
 using namespace std::chrono_literals;
 
 namespace {
@@ -67,24 +69,6 @@ struct Collector
         };
     }
 };
-
-// Runs the loop until done() holds (checked every few ms) or the deadline.
-bool runUntil(EventLoop& loop, const std::function<bool()>& done, std::chrono::milliseconds deadline = 5s)
-{
-    if (done()) {
-        return true;
-    }
-    Timer check(loop);
-    Timer watchdog(loop);
-    check.set(5ms, true, [&](bool fired) {
-        if (fired && done()) {
-            loop.stop();
-        }
-    });
-    watchdog.set(deadline, false, [&](bool) { loop.stop(); });
-    loop.execute();
-    return done();
-}
 
 // veth va (10.77.0.1/24, the sandbox's namespace) <-> vb (10.77.0.2/24, "peer").
 struct VethLink

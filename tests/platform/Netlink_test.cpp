@@ -14,6 +14,7 @@
 #include "orv/exception/exception.h"
 #include "orv/sys/EventLoop.h"
 #include "orv/sys/Timer.h"
+#include "testsupport/LoopRun.h"
 
 using orv::communication::Netadapter;
 using orv::communication::NetadapterList;
@@ -22,6 +23,7 @@ using orv::sys::EventLoop;
 using orv::sys::Timer;
 using orvtest::run;
 using orvtest::runIsolated;
+using testsupport::runUntil;
 using namespace std::chrono_literals;
 
 namespace {
@@ -85,23 +87,6 @@ struct Recorder
         return -1;
     }
 };
-
-bool runUntil(EventLoop& loop, const std::function<bool()>& done, std::chrono::milliseconds deadline = 5s)
-{
-    if (done()) {
-        return true;
-    }
-    Timer check(loop);
-    Timer watchdog(loop);
-    check.set(5ms, true, [&](bool fired) {
-        if (fired && done()) {
-            loop.stop();
-        }
-    });
-    watchdog.set(deadline, false, [&](bool) { loop.stop(); });
-    loop.execute();
-    return done();
-}
 
 // Lets events that should not come have their chance: a marker change made
 // last is seen only after everything before it.

@@ -1,4 +1,5 @@
 #include "orv/sys/Timer.h"
+#include "testsupport/Watchdog.h"
 
 #include <gtest/gtest.h>
 
@@ -11,24 +12,11 @@
 
 using orv::sys::EventLoop;
 using orv::sys::Timer;
+using testsupport::Watchdog;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-
-// Ends a loop that went wrong instead of hanging the suite.
-struct Watchdog
-{
-    Timer timer;
-    bool fired = false;
-    Watchdog(EventLoop& loop, std::chrono::milliseconds deadline) : timer(loop)
-    {
-        timer.set(deadline, false, [this, &loop](bool f) {
-            fired = f;
-            loop.stop();
-        });
-    }
-};
 
 // Lets the loop run for a while, then stops it.
 void runFor(EventLoop& loop, std::chrono::milliseconds duration)
@@ -60,7 +48,7 @@ TEST(Timer, FiresInOrderOfExpiry)
     middle.set(150ms, false, [&](bool) { order.push_back(2); });
     Watchdog watchdog(loop, 10s);
     EXPECT_EQ(loop.execute(), 0);
-    EXPECT_FALSE(watchdog.fired);
+    EXPECT_FALSE(watchdog.fired());
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
 }
 
@@ -143,7 +131,7 @@ TEST(Timer, SetAgainPushesTheExpiryOut)
     });
     Watchdog watchdog(loop, 10s);
     EXPECT_EQ(loop.execute(), 0);
-    EXPECT_FALSE(watchdog.fired);
+    EXPECT_FALSE(watchdog.fired());
     EXPECT_EQ(pokes, 3);
     EXPECT_EQ(fired, 1);
     EXPECT_GE(firedAt - lastSet, 200ms);
@@ -243,7 +231,7 @@ TEST(Timer, RepeatFiresEveryPeriodUntilCancelled)
     });
     Watchdog watchdog(loop, 10s);
     EXPECT_EQ(loop.execute(), 0);
-    EXPECT_FALSE(watchdog.fired);
+    EXPECT_FALSE(watchdog.fired());
     EXPECT_EQ(ticks, 5);
     EXPECT_EQ(cancels, 1);
     EXPECT_GE(fifth - start, 200ms);
@@ -270,7 +258,7 @@ TEST(Timer, RearmFromInsideTheCallback)
     timer.set(30ms, false, again);
     Watchdog watchdog(loop, 10s);
     EXPECT_EQ(loop.execute(), 0);
-    EXPECT_FALSE(watchdog.fired);
+    EXPECT_FALSE(watchdog.fired());
     EXPECT_EQ(shots, 3);
 }
 
@@ -329,7 +317,7 @@ TEST(Timer, ZeroPeriodFiresPromptly)
     Watchdog watchdog(loop, 5s);
     EXPECT_EQ(loop.execute(), 0);
     EXPECT_TRUE(fired);
-    EXPECT_FALSE(watchdog.fired);
+    EXPECT_FALSE(watchdog.fired());
 }
 
 TEST(Timer, NegativePeriodIsRefused)
