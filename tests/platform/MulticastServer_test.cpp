@@ -32,6 +32,7 @@ using orv::sys::Timer;
 using orvtest::Netns;
 using orvtest::run;
 using orvtest::runIsolated;
+using testsupport::runFor;
 using testsupport::runUntil;
 using namespace std::chrono_literals;
 
@@ -87,15 +88,23 @@ struct VethLink
 // A server in the peer namespace with an adapter list of that namespace.
 struct PeerServer
 {
+    Netns& ns;
     std::unique_ptr<NetadapterList> list;
     std::unique_ptr<MulticastServer> server;
     Collector collector;
-    PeerServer(Netns& ns, EventLoop& loop, unsigned port = kPort)
+    PeerServer(Netns& peerNs, EventLoop& loop, unsigned port = kPort) : ns(peerNs)
     {
         Netns::Inside inside(ns);
         list = std::make_unique<NetadapterList>();
         server = std::make_unique<MulticastServer>(*list, loop);
         EXPECT_EQ(server->start(kGroup, port, collector.callback()), 0);
+    }
+
+    // Joins the group on the peer namespace's interface with that address.
+    int join(const std::string& address)
+    {
+        Netns::Inside inside(ns);
+        return server->addInterface(address);
     }
 };
 
@@ -239,14 +248,8 @@ TEST(MulticastServer, SendByAdapterAndByAddressUseThatInterface)
         ASSERT_EQ(server.start(kGroup, kPort, here.callback()), 0);
         PeerServer atPeer(link.peer, loop);
         PeerServer atThird(third, loop);
-        {
-            Netns::Inside inside(link.peer);
-            ASSERT_EQ(atPeer.server->addInterface("10.77.0.2"), 0);
-        }
-        {
-            Netns::Inside inside(third);
-            ASSERT_EQ(atThird.server->addInterface("10.78.0.2"), 0);
-        }
+        ASSERT_EQ(atPeer.join("10.77.0.2"), 0);
+        ASSERT_EQ(atThird.join("10.78.0.2"), 0);
         EXPECT_EQ(server.sendOverInterface(list.getAdapterByName("wa"), "to third", 1), 8);
         EXPECT_EQ(server.sendOverInterfaceByAddress("10.77.0.1", "to peer", 1), 7);
         ASSERT_TRUE(
@@ -339,10 +342,7 @@ TEST(MulticastServer, LoopbackOfOwnSendsFollowsTheSetting)
         ASSERT_EQ(listener.start(kGroup, kPort, heard.callback()), 0);
         ASSERT_EQ(listener.addInterface(va), 0);
         PeerServer peer(link.peer, loop);
-        {
-            Netns::Inside inside(link.peer);
-            ASSERT_EQ(peer.server->addInterface("10.77.0.2"), 0);
-        }
+        ASSERT_EQ(peer.join("10.77.0.2"), 0);
 
         ASSERT_EQ(sender.setMulticastLoop(false), 0);
         ASSERT_EQ(sender.sendOverInterfaceByAddress("10.77.0.1", "quiet", 1), 5);
@@ -376,10 +376,7 @@ TEST(MulticastServer, LoopSettingBeforeStartIsApplied)
         ASSERT_EQ(sender.start(kGroup, kPort, sent.callback()), 0);
         ASSERT_EQ(sender.addInterface("10.77.0.1"), 0);
         PeerServer peer(link.peer, loop);
-        {
-            Netns::Inside inside(link.peer);
-            ASSERT_EQ(peer.server->addInterface("10.77.0.2"), 0);
-        }
+        ASSERT_EQ(peer.join("10.77.0.2"), 0);
         ASSERT_EQ(sender.sendOverInterfaceByAddress("10.77.0.1", "quiet", 1), 5);
         ASSERT_TRUE(runUntil(loop, [&] { return peer.collector.got.size() == 1; }));
         ASSERT_EQ(peer.server->sendOverInterfaceByAddress("10.77.0.2", "marker", 1), 6);
@@ -465,9 +462,7 @@ TEST(MulticastServer, UnreadDatagramDoesNotSpinTheLoop)
         ASSERT_EQ(peer.server->sendOverInterfaceByAddress("10.77.0.2", "ignored", 1), 7);
         ASSERT_TRUE(runUntil(loop, [&] { return calls > 0; }));
         const std::uint64_t wakeups = loop.wakeups();
-        Timer pause(loop);
-        pause.set(200ms, false, [&](bool) { loop.stop(); });
-        loop.execute();
+        runFor(loop, 200ms);
         EXPECT_EQ(calls, 1);
         EXPECT_LE(loop.wakeups() - wakeups, 2u);
     });
@@ -598,9 +593,7 @@ TEST(MulticastServer, StopFromInsideTheCallback)
         ASSERT_EQ(peer.server->sendOverInterfaceByAddress("10.77.0.2", "two", 1), 3);
         ASSERT_TRUE(runUntil(loop, [&] { return calls > 0; }));
         EXPECT_FALSE(server.isStarted());
-        Timer pause(loop);
-        pause.set(100ms, false, [&](bool) { loop.stop(); });
-        loop.execute();
+        runFor(loop, 100ms);
         EXPECT_EQ(calls, 1);
     });
 }
