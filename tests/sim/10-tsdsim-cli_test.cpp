@@ -13,19 +13,13 @@
 #include <set>
 #include <thread>
 
+#include "testsupport/ChildProcess.h"
 #include "tsdsim/ChildProcess.h"
 
 using namespace std::chrono_literals;
+using testsupport::binDir;
 
 namespace {
-
-std::string binDir()
-{
-    char buf[4096];
-    ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
-    std::string path(buf, static_cast<std::size_t>(n > 0 ? n : 0));
-    return path.substr(0, path.rfind('/'));
-}
 
 // World directories of the simulator process pid (other simulators may run
 // beside the test).

@@ -48,6 +48,24 @@ ino_t nsInode(const std::string& path)
     return ::stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
 }
 
+// Modules a and b with their rear ports on bus "b", and a multicast socket on
+// each of those ports.
+struct TwoOnOneBus
+{
+    World world;
+    tsdsim::Bus& bus = world.addBus("b");
+    Module& a = plugged(world.addModule(setup("a", 0x000101)));
+    Module& b = plugged(world.addModule(setup("b", 0x000102)));
+    tsdsim::McastSocket sa{a, kGroup, kPort, Side::Rear};
+    tsdsim::McastSocket sb{b, kGroup, kPort, Side::Rear};
+
+    Module& plugged(Module& m)
+    {
+        world.plug(m, Side::Rear, bus);
+        return m;
+    }
+};
+
 }  // namespace
 
 TEST(World, IdentityFilesReadBackInsideTheModule)
@@ -142,83 +160,62 @@ TEST(World, MulticastFromOneModuleReachesTheOtherOverTheBus)
 
 TEST(World, CutCableStopsFramesBothWaysAndPlugRestoresThem)
 {
-    World world;
-    tsdsim::Bus& bus = world.addBus("b");
-    Module& a = world.addModule(setup("a", 0x000101));
-    Module& b = world.addModule(setup("b", 0x000102));
-    world.plug(a, Side::Rear, bus);
-    world.plug(b, Side::Rear, bus);
-    tsdsim::McastSocket sa(a, kGroup, kPort, Side::Rear);
-    tsdsim::McastSocket sb(b, kGroup, kPort, Side::Rear);
-    ASSERT_TRUE(sa.ok() && sb.ok());
-    ASSERT_TRUE(sa.send("one"));
-    ASSERT_EQ(sb.receive(3000ms), "one");
+    TwoOnOneBus t;
+    ASSERT_TRUE(t.sa.ok() && t.sb.ok());
+    ASSERT_TRUE(t.sa.send("one"));
+    ASSERT_EQ(t.sb.receive(3000ms), "one");
 
-    world.setCut(a, Side::Rear, true);
-    EXPECT_TRUE(world.isCut(a, Side::Rear));
-    sa.send("lost");
-    sb.send("lost too");
-    EXPECT_EQ(sb.receive(300ms), "");
-    EXPECT_EQ(sa.receive(300ms), "");
-    EXPECT_GE(bus.stats().cut, 2u);
+    t.world.setCut(t.a, Side::Rear, true);
+    EXPECT_TRUE(t.world.isCut(t.a, Side::Rear));
+    t.sa.send("lost");
+    t.sb.send("lost too");
+    EXPECT_EQ(t.sb.receive(300ms), "");
+    EXPECT_EQ(t.sa.receive(300ms), "");
+    EXPECT_GE(t.bus.stats().cut, 2u);
 
-    world.setCut(a, Side::Rear, false);
-    sa.send("two");
-    EXPECT_EQ(sb.receive(3000ms), "two");
+    t.world.setCut(t.a, Side::Rear, false);
+    t.sa.send("two");
+    EXPECT_EQ(t.sb.receive(3000ms), "two");
 }
 
 TEST(World, LossDropsAShareOfFramesAndDuplicationDoublesThem)
 {
-    World world;
-    tsdsim::Bus& bus = world.addBus("b");
-    Module& a = world.addModule(setup("a", 0x000101));
-    Module& b = world.addModule(setup("b", 0x000102));
-    world.plug(a, Side::Rear, bus);
-    world.plug(b, Side::Rear, bus);
-    tsdsim::McastSocket sa(a, kGroup, kPort, Side::Rear);
-    tsdsim::McastSocket sb(b, kGroup, kPort, Side::Rear);
-    ASSERT_TRUE(sa.ok() && sb.ok());
+    TwoOnOneBus t;
+    ASSERT_TRUE(t.sa.ok() && t.sb.ok());
 
-    bus.setLoss(1.0);
+    t.bus.setLoss(1.0);
     for (int i = 0; i < 20; ++i) {
-        sa.send("x");
+        t.sa.send("x");
     }
-    EXPECT_EQ(sb.drain(300ms), 0);
+    EXPECT_EQ(t.sb.drain(300ms), 0);
 
-    bus.setLoss(0.5);
+    t.bus.setLoss(0.5);
     constexpr int kSent = 200;
     for (int i = 0; i < kSent; ++i) {
-        sa.send("y");
+        t.sa.send("y");
         std::this_thread::sleep_for(1ms);
     }
-    int got = sb.drain(1000ms);
+    int got = t.sb.drain(1000ms);
     EXPECT_GT(got, kSent / 5);
     EXPECT_LT(got, kSent * 4 / 5);
 
-    bus.setLoss(0.0);
-    bus.setDuplicate(1.0);
+    t.bus.setLoss(0.0);
+    t.bus.setDuplicate(1.0);
     for (int i = 0; i < 10; ++i) {
-        sa.send("z");
+        t.sa.send("z");
         std::this_thread::sleep_for(2ms);
     }
-    EXPECT_EQ(sb.drain(1000ms), 20);
+    EXPECT_EQ(t.sb.drain(1000ms), 20);
 }
 
 TEST(World, DelayHoldsEveryFrameBack)
 {
-    World world;
-    tsdsim::Bus& bus = world.addBus("b");
-    Module& a = world.addModule(setup("a", 0x000101));
-    Module& b = world.addModule(setup("b", 0x000102));
-    world.plug(a, Side::Rear, bus);
-    world.plug(b, Side::Rear, bus);
-    tsdsim::McastSocket sa(a, kGroup, kPort, Side::Rear);
-    tsdsim::McastSocket sb(b, kGroup, kPort, Side::Rear);
-    ASSERT_TRUE(sa.ok() && sb.ok());
-    bus.setDelay(400ms);
+    TwoOnOneBus t;
+    ASSERT_TRUE(t.sa.ok() && t.sb.ok());
+    t.bus.setDelay(400ms);
     auto t0 = std::chrono::steady_clock::now();
-    sa.send("late");
-    EXPECT_EQ(sb.receive(5000ms), "late");
+    t.sa.send("late");
+    EXPECT_EQ(t.sb.receive(5000ms), "late");
     EXPECT_GE(std::chrono::steady_clock::now() - t0, 350ms);
 }
 
