@@ -40,6 +40,7 @@ using orv::tsd::adapterList;
 using orv::tsd::netLinkEventHandler;
 using orv::tsd::receiverFront;
 using orv::tsd::receiverRear;
+using orvtest::runIsolated;
 using testsupport::runFor;
 using testsupport::runUntil;
 using testsupport::StreamCapture;
@@ -131,16 +132,11 @@ unsigned indexOf(const std::string& name)
     return orvtest::interfaceIndex(name);
 }
 
-void isolated(const std::function<void()>& body)
-{
-    orvtest::runIsolated(body, 60);
-}
-
 }  // namespace
 
 TEST(NetLinkEventHandler, AddressAddedOnFrontPortJoinsFrontReceiver)
 {
-    isolated([] {
+    runIsolated([] {
         Receivers r;
         EXPECT_FALSE(r.hears(1)) << "nobody joined the front receiver yet";
         SyslogCapture capture;
@@ -157,7 +153,7 @@ TEST(NetLinkEventHandler, AddressAddedOnFrontPortJoinsFrontReceiver)
 
 TEST(NetLinkEventHandler, LinkAddedOnRearPortJoinsRearReceiverAndRemovalDropsIt)
 {
-    isolated([] {
+    runIsolated([] {
         Receivers r;
         SyslogCapture capture;
         netLinkEventHandler(Netlink::LINK_ADDED, indexOf("firewire0"), "");
@@ -178,7 +174,7 @@ TEST(NetLinkEventHandler, LinkAddedOnRearPortJoinsRearReceiverAndRemovalDropsIt)
 
 TEST(NetLinkEventHandler, AddressOnEthernetChangesNothingAndLogsNothing)
 {
-    isolated([] {
+    runIsolated([] {
         Receivers r(true);
         SyslogCapture capture;
         netLinkEventHandler(Netlink::ADDRESS_ADDED, indexOf("eth0"), "10.9.9.1");
@@ -191,7 +187,7 @@ TEST(NetLinkEventHandler, AddressOnEthernetChangesNothingAndLogsNothing)
 
 TEST(NetLinkEventHandler, UnknownInterfaceIndexIsCaughtAndChangesNothing)
 {
-    isolated([] {
+    runIsolated([] {
         Receivers r;
         SyslogCapture capture;
         netLinkEventHandler(Netlink::ADDRESS_ADDED, 4242, "169.254.9.9");
@@ -207,7 +203,7 @@ TEST(NetLinkEventHandler, UnknownInterfaceIndexIsCaughtAndChangesNothing)
 
 TEST(NetLinkEventHandler, CompleteLogsAfterClassificationAndChangesNoMembership)
 {
-    isolated([] {
+    runIsolated([] {
         Receivers r;
         SyslogCapture capture;
         netLinkEventHandler(Netlink::COMPLETE, indexOf("firewire1"), "");
@@ -221,7 +217,7 @@ TEST(NetLinkEventHandler, CompleteLogsAfterClassificationAndChangesNoMembership)
 
 TEST(NetLinkEventHandler, OtherEventValueOnlyLogsTheClassification)
 {
-    isolated([] {
+    runIsolated([] {
         Receivers r;
         SyslogCapture capture;
         netLinkEventHandler(static_cast<Netlink::event_t>(7), indexOf("firewire0"), "x");
@@ -233,7 +229,7 @@ TEST(NetLinkEventHandler, OtherEventValueOnlyLogsTheClassification)
 
 TEST(NetLinkEventHandler, WithoutRearPortEveryFirewireInterfaceIsFront)
 {
-    isolated([] {
+    runIsolated([] {
         // A module whose UUID matches neither port found no rear port at start.
         Receivers r(false, "abcdef");
         EXPECT_FALSE(groupJoinedOn("firewire0"));
@@ -250,7 +246,7 @@ TEST(NetLinkEventHandler, WithoutRearPortEveryFirewireInterfaceIsFront)
 
 TEST(SignalHandler, UserSignalsSwitchDebugAndEchoTheirNumbers)
 {
-    isolated([] {
+    runIsolated([] {
         orv::tsd::installSignalHandler(SIGUSR1);
         orv::tsd::installSignalHandler(SIGUSR2);
         StreamCapture out(STDOUT_FILENO);
@@ -264,7 +260,7 @@ TEST(SignalHandler, UserSignalsSwitchDebugAndEchoTheirNumbers)
 
 TEST(SignalHandler, TerminationSignalsStopTheLoopWithSaRestart)
 {
-    isolated([] {
+    runIsolated([] {
         for (int sig : {SIGTERM, SIGINT}) {
             orv::tsd::installSignalHandler(sig);
             struct sigaction action = {};
@@ -283,7 +279,7 @@ TEST(SignalHandler, TerminationSignalsStopTheLoopWithSaRestart)
 
 TEST(Debug, SwitchIsOffAtStartAndLogLinesGoOutAtDebugPriority)
 {
-    isolated([] {
+    runIsolated([] {
         EXPECT_FALSE(orv::tsd::isDebugMode());
         orv::tsd::setDebugModeFlag(true);
         EXPECT_TRUE(orv::tsd::isDebugMode());
@@ -298,7 +294,7 @@ TEST(Debug, SwitchIsOffAtStartAndLogLinesGoOutAtDebugPriority)
 
 TEST(TsdMain, GatewayWithoutFrontAddressLogsTheMissingFront)
 {
-    isolated([] {
+    runIsolated([] {
         tsdtest::SideNetwork net(false);
         orv::tsd::ConfigTestAccess::setGateway(orv::tsd::Config::instance(), true);
         SyslogCapture capture;
@@ -317,7 +313,7 @@ TEST(TsdMain, GatewayWithoutFrontAddressLogsTheMissingFront)
 
 TEST(TsdMain, PlainModuleWithoutFrontAddressSaysNothingAboutTheFront)
 {
-    isolated([] {
+    runIsolated([] {
         tsdtest::SideNetwork net(false);
         orv::tsd::Config::instance();
         SyslogCapture capture;

@@ -22,6 +22,7 @@ using orv::tsd::CheckResponse;
 using orv::tsd::FRONT_FW;
 using orv::tsd::REAR_FW;
 using orv::tsd::TsdErrors;
+using orvtest::runIsolated;
 using testsupport::runFor;
 using testsupport::runUntil;
 using testsupport::SyslogCapture;
@@ -54,16 +55,11 @@ struct Supervised : tsdtest::SupervisedSides
     }
 };
 
-void isolated(const std::function<void()>& body)
-{
-    orvtest::runIsolated(body, 60);
-}
-
 }  // namespace
 
 TEST(CheckResponse, RearTimeoutSendsResyncThenRaisesMinusOne)
 {
-    isolated([] {
+    runIsolated([] {
         Supervised s;
         SyslogCapture capture;
         const auto start = Clock::now();
@@ -88,7 +84,7 @@ TEST(CheckResponse, RearTimeoutSendsResyncThenRaisesMinusOne)
 
 TEST(CheckResponse, FrontTimeoutSendsFrontResyncThenRaisesMinusTwo)
 {
-    isolated([] {
+    runIsolated([] {
         Supervised s;
         const auto start = Clock::now();
         s.frontCheck.startWaitPeriod();
@@ -106,7 +102,7 @@ TEST(CheckResponse, FrontTimeoutSendsFrontResyncThenRaisesMinusTwo)
 
 TEST(CheckResponse, CompletionWithinThePeriodSeesNoError)
 {
-    isolated([] {
+    runIsolated([] {
         Supervised s;
         SyslogCapture capture;
         s.rearCheck.startWaitPeriod();
@@ -122,7 +118,7 @@ TEST(CheckResponse, CompletionWithinThePeriodSeesNoError)
 
 TEST(CheckResponse, CancelRemovesErrorPendingFromEarlierExpiry)
 {
-    isolated([] {
+    runIsolated([] {
         Supervised s;
         SyslogCapture capture;
         s.rearCheck.startWaitPeriod();
@@ -144,7 +140,7 @@ TEST(CheckResponse, CancelRemovesErrorPendingFromEarlierExpiry)
 
 TEST(CheckResponse, EveryStartGivesAFreshPeriod)
 {
-    isolated([] {
+    runIsolated([] {
         Supervised s;
         const auto start = Clock::now();
         s.frontCheck.startWaitPeriod();
@@ -159,7 +155,7 @@ TEST(CheckResponse, EveryStartGivesAFreshPeriod)
 
 TEST(CheckResponse, SetErrorOnlyForwardsToTheErrorState)
 {
-    isolated([] {
+    runIsolated([] {
         Supervised s;
         s.frontCheck.setError(-3, "Wrong interface during START seq");
         s.frontCheck.setError(-3, "Wrong interface during RESYNC seq");

@@ -43,6 +43,7 @@ using orv::tsd::REAR_FW;
 using orv::tsd::TimeSyncManagement;
 using orv::tsd::TimeSyncManagementTestAccess;
 using orv::tsd::TsdErrors;
+using orvtest::runIsolated;
 using testsupport::runFor;
 using testsupport::runUntil;
 using testsupport::SyslogCapture;
@@ -97,16 +98,11 @@ struct Module : tsdtest::SupervisedSides
     }
 };
 
-void isolated(const std::function<void()>& body)
-{
-    orvtest::runIsolated(body, 60);
-}
-
 }  // namespace
 
 TEST(CommandProcessor, StartOnRearRestartsRearSideAndAnswersWithItem)
 {
-    isolated([] {
+    runIsolated([] {
         Module m;
         m.modules().init({0x777}, {0x888});
         m.modules().setEntry({kOwnUuid, 5, 5, 5}, REAR_FW);
@@ -137,7 +133,7 @@ TEST(CommandProcessor, StartOnRearRestartsRearSideAndAnswersWithItem)
 
 TEST(CommandProcessor, RearStartOnFrontSideOnlyRaisesWrongInterface)
 {
-    isolated([] {
+    runIsolated([] {
         Module m;
         m.phase() = orv::tsd::SYNCHRONIZED_PHASE;
         ASSERT_TRUE(m.deliver(1, "<sync>:start:<sync>"));
@@ -172,7 +168,7 @@ TEST(CommandProcessor, WrongSideTelegramsRaiseMinusThreeWithTheirTexts)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.text);
-        isolated([&] {
+        runIsolated([&] {
             Module m;
             m.modules().init({1}, {1});
             ASSERT_TRUE(m.deliver(c.side, c.text));
@@ -190,7 +186,7 @@ TEST(CommandProcessor, WrongSideTelegramsRaiseMinusThreeWithTheirTexts)
 
 TEST(CommandProcessor, FrontStartWithAnyExtraFieldIsAccepted)
 {
-    isolated([] {
+    runIsolated([] {
         Module m;
         SyslogCapture capture;
         m.modules().init({}, {0x888});
@@ -208,7 +204,7 @@ TEST(CommandProcessor, FrontStartWithAnyExtraFieldIsAccepted)
 
 TEST(CommandProcessor, FrontStartInInitialPhaseIsAnsweredWithWarning)
 {
-    isolated([] {
+    runIsolated([] {
         Module m;
         SyslogCapture capture;
         ASSERT_TRUE(m.deliver(1, "<sync>:start:1:<sync>"));
@@ -224,7 +220,7 @@ TEST(CommandProcessor, FrontStartInInitialPhaseIsAnsweredWithWarning)
 
 TEST(CommandProcessor, ResyncAnswersWithoutRestartingTheSide)
 {
-    isolated([] {
+    runIsolated([] {
         Module m;
         m.modules().init({0x777}, {});
         m.modules().setEntry({0x777, 6, 6, 6}, REAR_FW);
@@ -247,7 +243,7 @@ TEST(CommandProcessor, ResyncAnswersWithoutRestartingTheSide)
 
 TEST(CommandProcessor, RearItemIsStoredAndMisframedOneRejected)
 {
-    isolated([] {
+    runIsolated([] {
         Module m;
         SyslogCapture capture;
         m.modules().init({1, 0x10}, {});
@@ -278,7 +274,7 @@ TEST(CommandProcessor, RearItemIsStoredAndMisframedOneRejected)
 
 TEST(CommandProcessor, ItemCompletingTheSideCancelsSupervisionAndWithdrawsError)
 {
-    isolated([] {
+    runIsolated([] {
         Module m;
         m.modules().init({0x777}, {});
         m.modules().setEntry({kOwnUuid, 10, 2, 10}, REAR_FW);
@@ -296,7 +292,7 @@ TEST(CommandProcessor, ItemCompletingTheSideCancelsSupervisionAndWithdrawsError)
 
 TEST(CommandProcessor, MalformedTelegramsAreLoggedAndDropped)
 {
-    isolated([] {
+    runIsolated([] {
         Module m;
         SyslogCapture capture;
         m.modules().init({1}, {});
@@ -336,7 +332,7 @@ TEST(CommandProcessor, MalformedTelegramsAreLoggedAndDropped)
 
 TEST(CommandProcessor, EmptyDatagramAndReceiveErrorReachNoProcessing)
 {
-    isolated([] {
+    runIsolated([] {
         Module m;
         SyslogCapture capture;
         ASSERT_TRUE(m.deliver(0, "<sync>:start:<sync>"));
@@ -357,7 +353,7 @@ TEST(CommandProcessor, EmptyDatagramAndReceiveErrorReachNoProcessing)
 
 TEST(CommandProcessor, DebugLinesOfTheExchange)
 {
-    isolated([] {
+    runIsolated([] {
         Module m;
         orv::tsd::setDebugModeFlag(true);
         SyslogCapture capture;
