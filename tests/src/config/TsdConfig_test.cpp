@@ -52,12 +52,7 @@ Json::Value notification(const std::string& event, const Json::Value& value)
 Json::Value param(const std::string& source, double threshold, const std::string& ptp = "-4 -i fw",
                   const std::string& ntp = "10.0.0.1")
 {
-    Json::Value v(Json::objectValue);
-    v["timesource"] = source;
-    v["threshold"] = threshold;
-    v["ptp4l"] = ptp;
-    v["ntpserver"] = ntp;
-    return v;
+    return synctest::paramValue(source, threshold, ptp, ntp);
 }
 
 class TsdConfigTest : public ::testing::Test
@@ -77,7 +72,7 @@ protected:
         return config.getThreshold();
     }
 
-    synctest::Velad velad;
+    testsupport::LocalVelad velad{{"--quiet"}};
     orv::sys::EventLoop loop;
     vela::PeerAsync peer{loop, "127.0.0.1", velad.port(), "tsd"};
     testsupport::SyslogCapture log;

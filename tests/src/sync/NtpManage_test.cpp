@@ -9,8 +9,7 @@
 
 #include "main/Debug.h"
 #include "sync/PTPManage.h"
-#include "sync/SyncTestEnv.h"
-#include "testsupport/SyslogCapture.h"
+#include "sync/TimeServiceFixture.h"
 
 using namespace orv::tsd;
 using synctest::readFile;
@@ -20,20 +19,9 @@ namespace {
 
 const char* const kServerFile = "/var/run/timesync/ntpserver.ip";
 
-class NtpManageTest : public ::testing::Test
+class NtpManageTest : public synctest::TimeServiceTest
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(synctest::privateRun());
-        scripts.clear();
-        setDebugModeFlag(false);
-    }
-    void TearDown() override { setDebugModeFlag(false); }
-
-    synctest::ScriptStandIns scripts;
-    synctest::RecordingRunner runner;
-    testsupport::SyslogCapture log;
     NtpManage ntp;
     PTPManage ptp;
 };

@@ -8,8 +8,7 @@
 
 #include "main/Debug.h"
 #include "sync/NtpManage.h"
-#include "sync/SyncTestEnv.h"
-#include "testsupport/SyslogCapture.h"
+#include "sync/TimeServiceFixture.h"
 
 using namespace orv::tsd;
 using synctest::readFile;
@@ -19,22 +18,11 @@ namespace {
 
 const char* const kConfigFile = "/var/run/timesync/ptp4l.cfg";
 
-class PTPManageTest : public ::testing::Test
+class PTPManageTest : public synctest::TimeServiceTest
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(synctest::privateRun());
-        scripts.clear();
-        setDebugModeFlag(false);
-    }
-    void TearDown() override { setDebugModeFlag(false); }
-
     void makeTimesyncDir() { ASSERT_EQ(synctest::sh("mkdir -p /run/timesync"), 0); }
 
-    synctest::ScriptStandIns scripts;
-    synctest::RecordingRunner runner;
-    testsupport::SyslogCapture log;
     PTPManage ptp;
     NtpManage ntp;
 };

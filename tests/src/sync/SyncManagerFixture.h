@@ -10,6 +10,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <orv/communication/MulticastServer.h>
@@ -166,11 +167,7 @@ protected:
     void publishParam(const std::string& source, double threshold, const std::string& ptp = "-4 -i firewire0",
                       const std::string& ntp = "127.0.0.2")
     {
-        Json::Value value(Json::objectValue);
-        value["timesource"] = source;
-        value["threshold"] = threshold;
-        value["ptp4l"] = ptp;
-        value["ntpserver"] = ntp;
+        const Json::Value value = paramValue(source, threshold, ptp, ntp);
         if (m_paramPublished) {
             observer.peer().notifyState("sync/param", value);
         } else {
@@ -213,13 +210,23 @@ protected:
 
     Json::Value app() const { return observer.state("sync/app"); }
 
-    Velad velad;
+    // What the manager announces towards side: priority and threshold (tenths).
+    using Announced = std::pair<unsigned, unsigned>;
+    Announced announced(orv::tsd::interface_t side)
+    {
+        unsigned prio = 0;
+        unsigned threshold = 0;
+        tsm->getTsdParam(prio, threshold, side);
+        return {prio, threshold};
+    }
+
+    testsupport::LocalVelad velad{{"--quiet"}};
     orv::sys::EventLoop loop;
     orv::communication::NetadapterList adapters;
     orv::communication::MulticastServer rearServer{adapters, loop};
     orv::communication::MulticastServer frontServer{adapters, loop};
     vela::PeerAsync peer{loop, "127.0.0.1", velad.port(), "tsd"};
-    BusObserver observer{loop, velad.port(), ""};
+    testsupport::BusWatcher observer{loop, velad.port(), "", "observer"};
     TelegramListener rearListener{adapters, loop, kPort, kRearAddress};
     TelegramListener frontListener{adapters, loop, kPort + 1, kFrontAddress};
     ScriptStandIns scripts;

@@ -8,9 +8,9 @@
 //   - the configuration file under a shadowed /etc, the module type in the
 //     device tree, recording stand-ins for the three time-service scripts
 //     under a shadowed /usr/bin and a private /run;
-//   - a velad on a free loopback port (ended by its pid), a second bus peer
-//     that watches and publishes states, and multicast listeners that receive
-//     what the manager sends.
+//   - a velad of the test's own (testsupport::LocalVelad), a second bus peer
+//     that watches and publishes states (testsupport::BusWatcher), and
+//     multicast listeners that receive what the manager sends.
 // The network and mount namespaces vanish with the test process.
 
 #include <fcntl.h>
@@ -46,12 +46,18 @@
 #include <orv/sys/Timer.h>
 #include <vela/PeerAsync.h>
 
+#include "../../platform/Sandbox.h"
 #include "sync/CommandRunner.h"
+#include "testsupport/BusWatcher.h"
+#include "testsupport/LocalVelad.h"
+#include "testsupport/LoopRun.h"
 #include "testsupport/PrivateMounts.h"
 
 namespace synctest {
 
 using namespace std::chrono_literals;
+using testsupport::runFor;
+using testsupport::runUntil;
 
 constexpr const char* kGroup = "239.255.70.1";
 constexpr unsigned kPort = 15010;
@@ -73,10 +79,18 @@ inline std::string configXml()
            "</TimeSyncDaemon>\n";
 }
 
-inline int sh(const std::string& command)
+using orvtest::sh;
+
+// A "sync/param" value as the platform publishes it.
+inline Json::Value paramValue(const std::string& source, double threshold, const std::string& ptp,
+                              const std::string& ntp)
 {
-    const int status = std::system((command + " >/dev/null 2>&1").c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    Json::Value value(Json::objectValue);
+    value["timesource"] = source;
+    value["threshold"] = threshold;
+    value["ptp4l"] = ptp;
+    value["ntpserver"] = ntp;
+    return value;
 }
 
 inline std::string readFile(const std::string& path)
@@ -110,18 +124,9 @@ class FirewireTap
 {
 public:
     FirewireTap(const std::string& name, const std::string& address, std::uint64_t nodeId)
+        : m_tap(name, ARPHRD_IEEE1394)
     {
-        m_fd = ::open("/dev/net/tun", O_RDWR | O_CLOEXEC | O_NONBLOCK);
-        if (m_fd < 0) {
-            ADD_FAILURE() << "/dev/net/tun: " << std::strerror(errno);
-            return;
-        }
-        ifreq ifr{};
-        ifr.ifr_flags = IFF_TAP | IFF_NO_PI;
-        std::strncpy(ifr.ifr_name, name.c_str(), IFNAMSIZ - 1);
-        if (::ioctl(m_fd, TUNSETIFF, &ifr) != 0 ||
-            ::ioctl(m_fd, TUNSETLINK, static_cast<unsigned long>(ARPHRD_IEEE1394)) != 0) {
-            ADD_FAILURE() << "cannot make " << name << ": " << std::strerror(errno);
+        if (m_tap.fd() < 0) {
             return;
         }
         // A TAP shows a 6-byte address; the node id is the first 8 bytes of
@@ -135,17 +140,9 @@ public:
         EXPECT_EQ(sh("ip addr add " + address + "/24 dev " + name), 0);
         EXPECT_EQ(sh("ip link set " + name + " up"), 0);
     }
-    ~FirewireTap()
-    {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
-    }
-    FirewireTap(const FirewireTap&) = delete;
-    FirewireTap& operator=(const FirewireTap&) = delete;
 
 private:
-    int m_fd = -1;
+    orvtest::Tap m_tap;
 };
 
 // Moves the test process into a network namespace of its own with loopback
@@ -174,141 +171,6 @@ inline std::uint64_t frontNodeId(unsigned uuid)
 {
     return (0x0A7C31ULL << 24) | ((uuid ^ 0x800000u) & 0xFFFFFFu);
 }
-
-// Drives loop until condition holds or timeout passes; the result tells which.
-inline bool runUntil(orv::sys::EventLoop& loop, const std::function<bool()>& condition,
-                     std::chrono::milliseconds timeout = 10s)
-{
-    if (condition()) {
-        return true;
-    }
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    bool met = false;
-    orv::sys::Timer poll(loop);
-    poll.set(5ms, true, [&](bool fired) {
-        if (!fired) {
-            return;
-        }
-        if (condition()) {
-            met = true;
-            loop.stop();
-        } else if (std::chrono::steady_clock::now() >= deadline) {
-            loop.stop();
-        }
-    });
-    loop.execute();
-    return met;
-}
-
-inline void runFor(orv::sys::EventLoop& loop, std::chrono::milliseconds period)
-{
-    orv::sys::Timer stop(loop);
-    stop.set(period, false, [&](bool fired) {
-        if (fired) {
-            loop.stop();
-        }
-    });
-    loop.execute();
-}
-
-// A broker on a free loopback port, ended by its pid.
-class Velad
-{
-public:
-    Velad()
-    {
-        char self[4096] = {};
-        const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
-        std::string dir = n > 0 ? std::string(self, static_cast<std::size_t>(n)) : std::string();
-        dir = dir.substr(0, dir.rfind('/'));
-        const std::string binary = dir + "/velad";
-        int out[2];
-        if (::pipe2(out, O_CLOEXEC) != 0) {
-            ADD_FAILURE() << "pipe: " << std::strerror(errno);
-            return;
-        }
-        m_pid = ::fork();
-        if (m_pid == 0) {
-            // The broker must not outlive a test program that crashes.
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            ::dup2(out[1], STDOUT_FILENO);
-            ::execl(binary.c_str(), "velad", "--address", "127.0.0.1", "--port", "0", "--quiet",
-                    static_cast<char*>(nullptr));
-            ::_exit(127);
-        }
-        ::close(out[1]);
-        std::string line;
-        char c = 0;
-        while (::read(out[0], &c, 1) == 1 && c != '\n') {
-            line += c;
-        }
-        ::close(out[0]);
-        const auto colon = line.rfind(':');
-        if (m_pid < 0 || colon == std::string::npos) {
-            ADD_FAILURE() << "velad did not start (" << binary << "): '" << line << "'";
-            return;
-        }
-        m_port = static_cast<unsigned>(std::strtoul(line.c_str() + colon + 1, nullptr, 10));
-    }
-    ~Velad()
-    {
-        if (m_pid > 0) {
-            ::kill(m_pid, SIGTERM);
-            int status = 0;
-            ::waitpid(m_pid, &status, 0);
-        }
-    }
-    Velad(const Velad&) = delete;
-    Velad& operator=(const Velad&) = delete;
-
-    unsigned port() const { return m_port; }
-
-private:
-    pid_t m_pid = -1;
-    unsigned m_port = 0;
-};
-
-// A second participant of the bus: it follows every state under a prefix and
-// publishes what the platform would (reachable devices, "sync/param").
-class BusObserver
-{
-public:
-    BusObserver(orv::sys::EventLoop& loop, unsigned port, const std::string& prefix)
-        : m_peer(loop, "127.0.0.1", port, "observer")
-    {
-        vela::matcher_t matcher;
-        matcher.startsWith = prefix;
-        m_peer.addFetchAsync(matcher, [this](const Json::Value& notification, int) {
-            const std::string path = notification["path"].asString();
-            const std::string event = notification["event"].asString();
-            ++m_notifications[path];
-            if (event == "remove") {
-                m_states.erase(path);
-            } else {
-                m_states[path] = notification["value"];
-            }
-        });
-    }
-
-    vela::PeerAsync& peer() { return m_peer; }
-    bool has(const std::string& path) const { return m_states.count(path) != 0; }
-    Json::Value state(const std::string& path) const
-    {
-        const auto it = m_states.find(path);
-        return it == m_states.end() ? Json::Value() : it->second;
-    }
-    // Notifications seen for path ("add", "change" and "remove" alike).
-    int notifications(const std::string& path) const
-    {
-        const auto it = m_notifications.find(path);
-        return it == m_notifications.end() ? 0 : it->second;
-    }
-
-private:
-    vela::PeerAsync m_peer;
-    std::map<std::string, Json::Value> m_states;
-    std::map<std::string, int> m_notifications;
-};
 
 // A multicast receiver joined on one local interface; with the sender's
 // multicast loop on, it hears what the manager sends out of that interface.

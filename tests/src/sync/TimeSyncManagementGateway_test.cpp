@@ -73,15 +73,9 @@ TEST_F(TimeSyncManagementGatewayTest, ForeignRearMasterIsPropagatedAndFrontElect
         << log.dump();
     EXPECT_EQ(log.count(LOG_DEBUG, "new state : 1"), 1u) << log.dump();
 
-    unsigned prio = 0;
-    unsigned threshold = 0;
-    tsm->getTsdParam(prio, threshold, FRONT_FW);
-    EXPECT_EQ(prio, 5u);
-    EXPECT_EQ(threshold, 100u);
+    EXPECT_EQ(announced(FRONT_FW), Announced(5u, 100u));
     // Towards the rear the front master's values, none yet.
-    tsm->getTsdParam(prio, threshold, REAR_FW);
-    EXPECT_EQ(prio, 0u);
-    EXPECT_EQ(threshold, 0u);
+    EXPECT_EQ(announced(REAR_FW), Announced(0u, 0u));
 }
 
 TEST_F(TimeSyncManagementGatewayTest, NextFrontItemAnnouncesTheRearMastersValues)
@@ -265,14 +259,8 @@ TEST_F(TimeSyncManagementGatewayTest, AfterRestartRearAnnouncesOwnValuesWhileFro
     tsm->initState();
     access->prioToFront() = 5;  // as the next rear result would copy again
     access->thresholdToFront() = 100;
-    unsigned prio = 0;
-    unsigned threshold = 0;
-    tsm->getTsdParam(prio, threshold, REAR_FW);
-    EXPECT_EQ(prio, 2u);
-    EXPECT_EQ(threshold, 10u);
-    tsm->getTsdParam(prio, threshold, FRONT_FW);
-    EXPECT_EQ(prio, 5u);
-    EXPECT_EQ(threshold, 100u);
+    EXPECT_EQ(announced(REAR_FW), Announced(2u, 10u));
+    EXPECT_EQ(announced(FRONT_FW), Announced(5u, 100u));
 }
 
 TEST_F(TimeSyncManagementGatewayTest, RearIndependentAgainWhenTheRearResultIsNoLongerSlave)

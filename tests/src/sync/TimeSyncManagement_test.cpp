@@ -290,15 +290,9 @@ TEST_F(TimeSyncManagementTest, NonGatewayRearAnnouncesOwnValuesEvenWhenPropagati
     access->thresholdToRear() = 88;
     access->prioToFront() = 55;
     access->thresholdToFront() = 66;
-    unsigned prio = 0;
-    unsigned threshold = 0;
-    tsm->getTsdParam(prio, threshold, REAR_FW);
-    EXPECT_EQ(prio, 2u);
-    EXPECT_EQ(threshold, 20u);
+    EXPECT_EQ(announced(REAR_FW), Announced(2u, 20u));
     // The front checks neither phase nor family.
-    tsm->getTsdParam(prio, threshold, FRONT_FW);
-    EXPECT_EQ(prio, 55u);
-    EXPECT_EQ(threshold, 66u);
+    EXPECT_EQ(announced(FRONT_FW), Announced(55u, 66u));
 }
 
 // ---- items and the state machine ----
@@ -391,15 +385,9 @@ TEST_F(TimeSyncManagementTest, RestartKeepsPropagatedFrontAnnouncementWhileRearA
     ASSERT_FALSE(access->useOwnParams());
 
     tsm->initState();
-    unsigned prio = 0;
-    unsigned threshold = 0;
-    tsm->getTsdParam(prio, threshold, REAR_FW);
-    EXPECT_EQ(prio, 2u);
-    EXPECT_EQ(threshold, 10u);
+    EXPECT_EQ(announced(REAR_FW), Announced(2u, 10u));
     // initState zeroed the propagated values but kept the flag.
-    tsm->getTsdParam(prio, threshold, FRONT_FW);
-    EXPECT_EQ(prio, 0u);
-    EXPECT_EQ(threshold, 0u);
+    EXPECT_EQ(announced(FRONT_FW), Announced(0u, 0u));
 }
 
 TEST_F(TimeSyncManagementTest, UnknownPhaseDoesNothingButClearsTheFlag)
