@@ -37,43 +37,29 @@ void backOff()
     nanosleep(&delay, nullptr);
 }
 
-}  // namespace
-
-std::string CommandProcessor::encodeStart(interface_t side)
+// Sends a request to every module of the side, out of the side's own
+// interface; the debug line is "<label>(<side><separator><telegram>".
+void sendRequest(interface_t side, orv::communication::MulticastServer& server, const std::string& text,
+                 const char* label, const char* separator)
 {
-    return telegram::encodeStart(side);
-}
-
-std::string CommandProcessor::encodeResync(interface_t side)
-{
-    return telegram::encodeResync(side);
-}
-
-std::string CommandProcessor::encodeItem(const ModuleItem& item, interface_t side)
-{
-    return telegram::encodeItem(item, side);
-}
-
-void CommandProcessor::sendInit(interface_t side, orv::communication::MulticastServer& server)
-{
-    const std::string text = telegram::encodeStart(side);
     if (isDebugMode()) {
         std::ostringstream line;
-        line << "<== send init (" << static_cast<int>(side) << ") :" << text;
+        line << label << static_cast<int>(side) << separator << text;
         debugLog(line.str());
     }
     server.sendOverInterfaceByAddress(Config::instance().getInterfaceAddress(side), text, kTtl);
+}
+
+}  // namespace
+
+void CommandProcessor::sendInit(interface_t side, orv::communication::MulticastServer& server)
+{
+    sendRequest(side, server, telegram::encodeStart(side), "<== send init (", ") :");
 }
 
 void CommandProcessor::sendResync(interface_t side, orv::communication::MulticastServer& server)
 {
-    const std::string text = telegram::encodeResync(side);
-    if (isDebugMode()) {
-        std::ostringstream line;
-        line << "<== send resync (" << static_cast<int>(side) << "): " << text;
-        debugLog(line.str());
-    }
-    server.sendOverInterfaceByAddress(Config::instance().getInterfaceAddress(side), text, kTtl);
+    sendRequest(side, server, telegram::encodeResync(side), "<== send resync (", "): ");
 }
 
 void CommandProcessor::sendItem(orv::communication::MulticastServer* server,

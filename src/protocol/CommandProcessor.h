@@ -20,16 +20,11 @@ class TimeSyncManagement;
 // The telegrams between modules: "<sync>:start:<sync>", "<sync>:resync:<sync>"
 // and "<sync>:item:U:M:P:T:<sync>" (hex fields), with an extra "1" field before
 // the closing "<sync>" when sent over the front side. It has no state: all its
-// operations are static.
+// operations are static; the text itself is made and read in Telegram.h.
 class CommandProcessor
 {
 public:
     CommandProcessor() = delete;
-
-    // Pure encoders.
-    static std::string encodeStart(interface_t side);
-    static std::string encodeResync(interface_t side);
-    static std::string encodeItem(const ModuleItem& item, interface_t side);
 
     static void sendInit(interface_t side, orv::communication::MulticastServer& server);
     static void sendResync(interface_t side, orv::communication::MulticastServer& server);

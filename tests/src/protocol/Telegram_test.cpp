@@ -4,7 +4,6 @@
 
 #include <string>
 
-#include "protocol/CommandProcessor.h"
 #include "protocol/ModuleItem.h"
 
 using namespace orv::tsd;
@@ -26,8 +25,8 @@ TEST(Telegram, EncodesRequestsPerSide)
     EXPECT_EQ(telegram::encodeStart(FRONT_FW), "<sync>:start:1:<sync>");
     EXPECT_EQ(telegram::encodeResync(REAR_FW), "<sync>:resync:<sync>");
     EXPECT_EQ(telegram::encodeResync(FRONT_FW), "<sync>:resync:1:<sync>");
-    EXPECT_EQ(CommandProcessor::encodeStart(FRONT_FW), "<sync>:start:1:<sync>");
-    EXPECT_EQ(CommandProcessor::encodeResync(REAR_FW), "<sync>:resync:<sync>");
+    EXPECT_EQ(telegram::encodeStart(FRONT_FW), "<sync>:start:1:<sync>");
+    EXPECT_EQ(telegram::encodeResync(REAR_FW), "<sync>:resync:<sync>");
 }
 
 TEST(Telegram, EncodesItemInLowerCaseHexWithoutPadding)
@@ -35,7 +34,7 @@ TEST(Telegram, EncodesItemInLowerCaseHexWithoutPadding)
     const ModuleItem item(0x12345, 5, 10, 100);
     EXPECT_EQ(telegram::encodeItem(item, FRONT_FW), "<sync>:item:12345:5:a:64:1:<sync>");
     EXPECT_EQ(telegram::encodeItem(item, REAR_FW), "<sync>:item:12345:5:a:64:<sync>");
-    EXPECT_EQ(CommandProcessor::encodeItem(ModuleItem(0xABCDEF, 0, 0xFFFFFFFF, 0), REAR_FW),
+    EXPECT_EQ(telegram::encodeItem(ModuleItem(0xABCDEF, 0, 0xFFFFFFFF, 0), REAR_FW),
               "<sync>:item:abcdef:0:ffffffff:0:<sync>");
 }
 
