@@ -1,6 +1,7 @@
 #include "sync/CommandRunner.h"
 
 #include <cstdlib>
+#include <fstream>
 
 namespace orv::tsd {
 
@@ -18,6 +19,17 @@ CommandRunner& systemRunner()
 {
     static SystemRunner runner;
     return runner;
+}
+
+bool writeServiceFile(const char* path, const std::string& text)
+{
+    std::ofstream file(path, std::ios::out | std::ios::trunc);
+    if (!file.is_open()) {
+        return false;
+    }
+    file << text << '\n';
+    file.flush();
+    return true;
 }
 
 }  // namespace orv::tsd

@@ -18,4 +18,9 @@ public:
 // the calling thread until the command returns.
 CommandRunner& systemRunner();
 
+// Writes the one-line file a time service reads: text and a line feed, the
+// file created or truncated. False when it cannot be opened; the caller logs
+// that in its own words and starts the service anyway.
+bool writeServiceFile(const char* path, const std::string& text);
+
 }  // namespace orv::tsd

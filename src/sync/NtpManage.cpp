@@ -2,8 +2,6 @@
 
 #include <syslog.h>
 
-#include <fstream>
-
 #include "main/Debug.h"
 #include "sync/CommandRunner.h"
 #include "sync/PTPManage.h"
@@ -80,14 +78,9 @@ void NtpManage::writeConfig(CommandRunner& runner, const std::string& ntpCfg)
     // directory to exist.
     runner.run("mkdir -p /var/run");
     runner.run("mkdir -p /var/run/timesync");
-    std::ofstream file(kServerFile, std::ios::out | std::ios::trunc);
-    if (!file.is_open()) {
+    if (!writeServiceFile(kServerFile, ntpCfg)) {
         syslog(LOG_ERR, " (NTP) error creating NTPSERVER_IP file");
-        return;
     }
-    file << ntpCfg << '\n';
-    file.flush();
-    file.close();
 }
 
 }  // namespace orv::tsd

@@ -2,8 +2,6 @@
 
 #include <syslog.h>
 
-#include <fstream>
-
 #include "main/Debug.h"
 #include "sync/CommandRunner.h"
 #include "sync/NtpManage.h"
@@ -64,14 +62,9 @@ void PTPManage::stop(CommandRunner& runner)
 
 void PTPManage::writeConfig(const std::string& ptpCfg)
 {
-    std::ofstream file(kConfigFile, std::ios::out | std::ios::trunc);
-    if (!file.is_open()) {
+    if (!writeServiceFile(kConfigFile, ptpCfg)) {
         syslog(LOG_ERR, "(PTP) error creating PTP4L_CFG");
-        return;
     }
-    file << ptpCfg << '\n';
-    file.flush();
-    file.close();
 }
 
 }  // namespace orv::tsd
