@@ -40,16 +40,6 @@ bool parseIpv4(const std::string& text, in_addr& address)
     return ::inet_pton(AF_INET, text.c_str(), &address) == 1;
 }
 
-bool hasAddress(const Netadapter& adapter, const std::string& address)
-{
-    for (const Ipv4Address& a : adapter.getIpv4Addresses()) {
-        if (a.address == address) {
-            return true;
-        }
-    }
-    return false;
-}
-
 }  // namespace
 
 MulticastServer::MulticastServer(NetadapterList& adapters, orv::sys::EventLoop& loop)
@@ -138,7 +128,7 @@ int MulticastServer::findInterfaceByAddress(const std::string& interfaceAddress,
         return -EINVAL;
     }
     for (const Netadapter& adapter : m_adapters.getAdapters()) {
-        if (hasAddress(adapter, interfaceAddress)) {
+        if (adapter.hasIpv4Address(interfaceAddress)) {
             index = adapter.getInterfaceIndex();
             return 0;
         }
@@ -151,7 +141,7 @@ int MulticastServer::findInterfaceByAddress(const std::string& interfaceAddress,
         return result;
     }
     for (const auto& entry : current) {
-        if (hasAddress(entry.second, interfaceAddress)) {
+        if (entry.second.hasIpv4Address(interfaceAddress)) {
             index = entry.first;
             return 0;
         }

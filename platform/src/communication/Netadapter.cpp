@@ -44,6 +44,12 @@ bool Netadapter::isFirewireAdapter() const
     return m_linkType == ARPHRD_IEEE1394;
 }
 
+bool Netadapter::hasIpv4Address(const std::string& address) const
+{
+    return std::any_of(m_ipv4.begin(), m_ipv4.end(),
+                       [&address](const Ipv4Address& a) { return a.address == address; });
+}
+
 void Netadapter::addIpv4Address(const Ipv4Address& address)
 {
     const auto it = std::find_if(m_ipv4.begin(), m_ipv4.end(),

@@ -158,16 +158,6 @@ struct Netlink::Impl
         return true;
     }
 
-    static bool hasAddress(const Netadapter& adapter, const std::string& address)
-    {
-        for (const Ipv4Address& a : adapter.getIpv4Addresses()) {
-            if (a.address == address) {
-                return true;
-            }
-        }
-        return false;
-    }
-
     bool onAddress(const nlmsghdr* nlh, bool fromDump)
     {
         unsigned index = 0;
@@ -175,7 +165,7 @@ struct Netlink::Impl
         if (!rtnl::parseIpv4Address(nlh, index, address) || !adapters.contains(index)) {
             return true;
         }
-        const bool present = hasAddress(adapters.getAdapterByInterfaceIndex(index), address.address);
+        const bool present = adapters.getAdapterByInterfaceIndex(index).hasIpv4Address(address.address);
         const auto key = std::make_pair(index, address.address);
         if (nlh->nlmsg_type == RTM_DELADDR) {
             if (!present) {

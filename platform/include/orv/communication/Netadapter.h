@@ -32,6 +32,8 @@ public:
     bool isUp() const { return m_up; }
     // IPv4 addresses in the order the kernel reports them; may be empty.
     const std::vector<Ipv4Address>& getIpv4Addresses() const { return m_ipv4; }
+    // True when address (dotted text) is one of the interface's IPv4 addresses.
+    bool hasIpv4Address(const std::string& address) const;
 
     bool isFirewireAdapter() const;
     // 64-bit FireWire node id (GUID); 0 for other adapters or when unknown.
