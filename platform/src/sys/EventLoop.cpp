@@ -23,13 +23,6 @@ constexpr std::uint64_t kStopSerial = 0;
 
 struct EventLoop::Impl
 {
-    struct Registration
-    {
-        int fd;
-        std::uint64_t serial;
-        FdCallback callback;
-    };
-
     int epollFd = -1;
     int stopFd = -1;
     // Lock-free, so that stop() may set it from a signal handler.
@@ -39,7 +32,7 @@ struct EventLoop::Impl
     std::map<int, std::uint64_t> serialByFd;
     // shared_ptr: a callback that removes its own registration must not destroy
     // the std::function that is running.
-    std::map<std::uint64_t, std::shared_ptr<Registration>> bySerial;
+    std::map<std::uint64_t, std::shared_ptr<FdCallback>> bySerial;
 
     void drainStopFd() const
     {
@@ -106,8 +99,8 @@ int EventLoop::execute()
             if (it == impl.bySerial.end()) {
                 continue;  // removed earlier in this round
             }
-            const std::shared_ptr<Impl::Registration> keep = it->second;
-            keep->callback(events[i].events);
+            const std::shared_ptr<FdCallback> keep = it->second;
+            (*keep)(events[i].events);
         }
     }
 }
@@ -139,8 +132,7 @@ int EventLoop::addFd(int fd, std::uint32_t events, FdCallback callback)
         return -errno;
     }
     impl.serialByFd[fd] = serial;
-    impl.bySerial[serial] =
-        std::make_shared<Impl::Registration>(Impl::Registration{fd, serial, std::move(callback)});
+    impl.bySerial[serial] = std::make_shared<FdCallback>(std::move(callback));
     return 0;
 }
 
