@@ -330,7 +330,7 @@ int Netlink::start(Callback callback)
         impl.socket = nullptr;
         return -err;
     }
-    impl.fd = mnl_socket_get_fd(impl.socket);
+    impl.fd = fd;
     impl.portid = mnl_socket_get_portid(impl.socket);
     impl.buffer.resize(rtnl::kReceiveBufferSize);
     impl.callback = std::move(callback);
