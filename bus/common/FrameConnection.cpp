@@ -78,10 +78,6 @@ void FrameConnection::send(std::string_view payload)
     if (m_failure != 0 || m_closing) {
         return;
     }
-    if (m_outOffset > 0 && m_outOffset == m_out.size()) {
-        m_out.clear();
-        m_outOffset = 0;
-    }
     const bool wasEmpty = backlog() == 0;
     appendFrame(m_out, payload);
     if (t_batchDepth > 0) {
@@ -103,23 +99,10 @@ void FrameConnection::writeNow()
     if (m_failure != 0) {
         return;
     }
-    while (backlog() > 0) {
-        ssize_t n = ::send(m_fd, m_out.data() + m_outOffset, backlog(), MSG_NOSIGNAL);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            if (errno != EAGAIN && errno != EWOULDBLOCK) {
-                abort(-errno);
-                return;
-            }
-            break;
-        }
-        m_outOffset += static_cast<std::size_t>(n);
-    }
-    if (m_outOffset == m_out.size()) {
-        m_out.clear();
-        m_outOffset = 0;
+    const int err = writeOut();
+    if (err < 0) {
+        abort(err);
+        return;
     }
     updateInterest();
 }
@@ -225,6 +208,16 @@ bool FrameConnection::readAll()
 
 bool FrameConnection::flush()
 {
+    const int err = writeOut();
+    if (err < 0) {
+        reportClose(err);
+        return false;
+    }
+    return true;
+}
+
+int FrameConnection::writeOut()
+{
     while (backlog() > 0) {
         ssize_t n = ::send(m_fd, m_out.data() + m_outOffset, backlog(), MSG_NOSIGNAL);
         if (n < 0) {
@@ -234,11 +227,12 @@ bool FrameConnection::flush()
             if (errno == EAGAIN || errno == EWOULDBLOCK) {
                 break;
             }
-            reportClose(-errno);
-            return false;
+            return -errno;
         }
         m_outOffset += static_cast<std::size_t>(n);
     }
+    // Written bytes are dropped once they are most of the buffer, so a peer
+    // that never quite catches up does not keep them in memory for ever.
     if (m_outOffset == m_out.size()) {
         m_out.clear();
         m_outOffset = 0;
@@ -246,7 +240,7 @@ bool FrameConnection::flush()
         m_out.erase(0, m_outOffset);
         m_outOffset = 0;
     }
-    return true;
+    return 0;
 }
 
 void FrameConnection::updateInterest()

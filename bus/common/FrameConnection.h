@@ -85,9 +85,13 @@ private:
     void onEvents(std::uint32_t events);
     // Returns false when a handler destroyed the connection.
     bool readAll();
+    // Writes what the socket takes and drops the written bytes; 0, or the
+    // negative errno of a failed write.
+    int writeOut();
+    // From the loop: a failed write reports the close at once (false).
     bool flush();
-    // Writes what the socket takes; a failure is handed to the loop (abort)
-    // instead of being reported from inside the caller.
+    // From a sender: a failed write is handed to the loop (abort) instead of
+    // being reported from inside the caller.
     void writeNow();
     static void flushBatch();
     void updateInterest();
