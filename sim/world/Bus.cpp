@@ -53,6 +53,17 @@ int Bus::attach(int fd, const std::string& label)
     return id;
 }
 
+Bus::Port* Bus::findPort(int portId)
+{
+    auto it = std::find_if(m_ports.begin(), m_ports.end(), [&](const Port& p) { return p.id == portId; });
+    return it == m_ports.end() ? nullptr : &*it;
+}
+
+const Bus::Port* Bus::findPort(int portId) const
+{
+    return const_cast<Bus*>(this)->findPort(portId);
+}
+
 void Bus::detach(int portId)
 {
     int fd = -1;
@@ -108,22 +119,16 @@ std::chrono::milliseconds Bus::delay() const
 void Bus::setCut(int portId, bool cut)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    for (auto& p : m_ports) {
-        if (p.id == portId) {
-            p.cut = cut;
-        }
+    if (Port* port = findPort(portId)) {
+        port->cut = cut;
     }
 }
 
 bool Bus::isCut(int portId) const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    for (const auto& p : m_ports) {
-        if (p.id == portId) {
-            return p.cut;
-        }
-    }
-    return false;
+    const Port* port = findPort(portId);
+    return port && port->cut;
 }
 
 Bus::Stats Bus::stats() const
@@ -139,10 +144,8 @@ void Bus::onReadable(int portId)
         int fd = -1;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            for (const auto& p : m_ports) {
-                if (p.id == portId) {
-                    fd = p.fd;
-                }
+            if (const Port* port = findPort(portId)) {
+                fd = port->fd;
             }
         }
         if (fd < 0) {
@@ -175,13 +178,8 @@ void Bus::deliver(int fromId, const std::vector<unsigned char>& frame)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         ++m_stats.framesIn;
-        bool fromCut = false;
-        for (const auto& p : m_ports) {
-            if (p.id == fromId) {
-                fromCut = p.cut;
-            }
-        }
-        if (fromCut) {
+        const Port* from = findPort(fromId);
+        if (from && from->cut) {
             ++m_stats.cut;
             return;
         }
@@ -228,13 +226,13 @@ void Bus::deliver(int fromId, const std::vector<unsigned char>& frame)
             }
             Bus* self = *bus;
             std::lock_guard<std::mutex> lock(self->m_mutex);
-            for (const auto& p : self->m_ports) {
-                if (p.id == id && !p.cut) {
-                    for (int i = 0; i < count; ++i) {
-                        ssize_t n = ::write(p.fd, frame.data(), frame.size());
-                        (void)n;
-                    }
-                }
+            const Port* port = self->findPort(id);
+            if (!port || port->cut) {
+                return;
+            }
+            for (int i = 0; i < count; ++i) {
+                ssize_t n = ::write(port->fd, frame.data(), frame.size());
+                (void)n;
             }
         });
     }

@@ -75,6 +75,9 @@ private:
         bool cut = false;
     };
 
+    // The port with this id, or null once detached; m_mutex must be held.
+    Port* findPort(int portId);
+    const Port* findPort(int portId) const;
     void onReadable(int portId);
     void deliver(int portId, const std::vector<unsigned char>& frame);
 
