@@ -74,6 +74,29 @@ bool parseJson(const std::string& text, Json::Value& out)
     return r->parse(text.data(), text.data() + text.size(), &out, &errors);
 }
 
+// Reads what fd has now into buffer and returns the complete lines taken from
+// it; ended is set when the writer closed its end.
+std::vector<std::string> takeLines(int fd, std::string& buffer, bool& ended)
+{
+    char chunk[8192];
+    ended = false;
+    for (;;) {
+        ssize_t n = ::read(fd, chunk, sizeof chunk);
+        if (n <= 0) {
+            ended = n == 0;
+            break;
+        }
+        buffer.append(chunk, static_cast<std::size_t>(n));
+    }
+    std::vector<std::string> lines;
+    std::size_t nl;
+    while ((nl = buffer.find('\n')) != std::string::npos) {
+        lines.push_back(buffer.substr(0, nl));
+        buffer.erase(0, nl + 1);
+    }
+    return lines;
+}
+
 // ---- inside the holder child (single-threaded, after fork) ----
 
 [[noreturn]] void holderFail(int fd, const std::string& what)
@@ -613,23 +636,14 @@ void Module::stopPublisher()
 
 void Module::onPublisherOutput()
 {
-    char buf[4096];
     std::lock_guard<std::mutex> lock(m_mutex);
-    for (;;) {
-        ssize_t n = ::read(m_publisher->stdoutFd(), buf, sizeof buf);
-        if (n <= 0) {
-            if (n == 0) {
-                // Ended: stop watching, maintain() restarts it.
-                m_world.io().removeFd(m_publisher->stdoutFd());
-            }
-            break;
-        }
-        m_publisherBuffer.append(buf, static_cast<std::size_t>(n));
+    bool ended = false;
+    const std::vector<std::string> lines = takeLines(m_publisher->stdoutFd(), m_publisherBuffer, ended);
+    if (ended) {
+        // Stop watching, maintain() restarts it.
+        m_world.io().removeFd(m_publisher->stdoutFd());
     }
-    std::size_t nl;
-    while ((nl = m_publisherBuffer.find('\n')) != std::string::npos) {
-        std::string line = m_publisherBuffer.substr(0, nl);
-        m_publisherBuffer.erase(0, nl + 1);
+    for (const std::string& line : lines) {
         if (line == "ok") {
             ++m_linesAcked;
         } else if (line.rfind("error", 0) == 0) {
@@ -728,22 +742,13 @@ void Module::stopWatcher()
 
 void Module::onWatcherOutput()
 {
-    char buf[8192];
     std::lock_guard<std::mutex> lock(m_mutex);
-    for (;;) {
-        ssize_t n = ::read(m_watcher->stdoutFd(), buf, sizeof buf);
-        if (n <= 0) {
-            if (n == 0) {
-                m_world.io().removeFd(m_watcher->stdoutFd());
-            }
-            break;
-        }
-        m_watcherBuffer.append(buf, static_cast<std::size_t>(n));
+    bool ended = false;
+    const std::vector<std::string> lines = takeLines(m_watcher->stdoutFd(), m_watcherBuffer, ended);
+    if (ended) {
+        m_world.io().removeFd(m_watcher->stdoutFd());
     }
-    std::size_t nl;
-    while ((nl = m_watcherBuffer.find('\n')) != std::string::npos) {
-        std::string line = m_watcherBuffer.substr(0, nl);
-        m_watcherBuffer.erase(0, nl + 1);
+    for (const std::string& line : lines) {
         Json::Value v;
         if (!parseJson(line, v) || !v.isObject()) {
             continue;
