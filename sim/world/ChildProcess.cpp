@@ -253,15 +253,19 @@ int ChildProcess::run(const Options& options, std::string* output, std::chrono::
     if (!child.start(o)) {
         return -1;
     }
+    const auto collect = [&child, output] {
+        if (!output) {
+            return;
+        }
+        char buf[4096];
+        ssize_t n;
+        while ((n = ::read(child.stdoutFd(), buf, sizeof buf)) > 0) {
+            output->append(buf, static_cast<std::size_t>(n));
+        }
+    };
     auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
-        if (output) {
-            char buf[4096];
-            ssize_t n;
-            while ((n = ::read(child.stdoutFd(), buf, sizeof buf)) > 0) {
-                output->append(buf, static_cast<std::size_t>(n));
-            }
-        }
+        collect();
         if (!child.running()) {
             break;
         }
@@ -277,13 +281,8 @@ int ChildProcess::run(const Options& options, std::string* output, std::chrono::
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     }
-    if (output) {
-        char buf[4096];
-        ssize_t n;
-        while ((n = ::read(child.stdoutFd(), buf, sizeof buf)) > 0) {
-            output->append(buf, static_cast<std::size_t>(n));
-        }
-    }
+    // What the child wrote between the last read and its end.
+    collect();
     return child.status();
 }
 
