@@ -295,7 +295,7 @@ void BrokerCore::onFetch(ConnId conn, Conn& c, const Json::Value& id, const Json
             return;
         }
     }
-    const std::string ids = "[" + std::to_string(f.id) + "]";
+    const std::string ids = std::to_string(f.id);
     for (const auto& [path, state] : m_states) {
         if (matches(f.matcher, path)) {
             m_sink.send(conn, p::notification(p::kEventAdd, ids, path, state.value));
@@ -393,15 +393,10 @@ void BrokerCore::expireSets(Clock::time_point now)
 
 void BrokerCore::notifyFetchers(std::string_view event, std::string_view path, std::string_view valueText)
 {
-    // Everything after the fetch ids is the same for every connection.
-    std::string head = "{\"jsonrpc\":\"2.0\",\"method\":\"notify\",\"params\":{\"event\":\"";
-    head += event;
-    head += "\",\"fetches\":[";
-    std::string tail = "],\"path\":";
-    appendQuoted(tail, path);
-    tail += ",\"value\":";
-    tail += valueText;
-    tail += "}}";
+    // Everything but the fetch ids is the same for every connection.
+    std::string head;
+    std::string tail;
+    p::notificationParts(event, path, valueText, head, tail);
 
     std::string ids;
     for (auto& [conn, c] : m_conns) {

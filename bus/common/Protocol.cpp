@@ -51,22 +51,27 @@ std::string error(const Json::Value& id, int code, std::string_view message)
     return out;
 }
 
+void notificationParts(std::string_view event, std::string_view path, std::string_view valueText,
+                       std::string& head, std::string& tail)
+{
+    head = kPrefix;
+    head += ",\"method\":\"notify\",\"params\":{\"event\":\"";
+    head += event;
+    head += "\",\"fetches\":[";
+    tail = "],\"path\":";
+    appendQuoted(tail, path);
+    tail += ",\"value\":";
+    tail += valueText;
+    tail += "}}";
+}
+
 std::string notification(std::string_view event, std::string_view fetchIds, std::string_view path,
                          std::string_view valueText)
 {
-    std::string out;
-    out.reserve(kPrefix.size() + 64 + fetchIds.size() + path.size() + valueText.size());
-    out += kPrefix;
-    out += ",\"method\":\"notify\",\"params\":{\"event\":\"";
-    out += event;
-    out += "\",\"fetches\":";
-    out += fetchIds;
-    out += ",\"path\":";
-    appendQuoted(out, path);
-    out += ",\"value\":";
-    out += valueText;
-    out += "}}";
-    return out;
+    std::string head;
+    std::string tail;
+    notificationParts(event, path, valueText, head, tail);
+    return head.append(fetchIds).append(tail);
 }
 
 Message classify(Json::Value&& frame)

@@ -65,10 +65,15 @@ std::string result(const Json::Value& id, const Json::Value& value);
 std::string error(const Json::Value& id, int code, std::string_view message);
 
 // A fetch notification whose value is already JSON text (the broker keeps
-// values as the text their owner sent). fetchIds is a JSON array text like
-// "[1,4]".
+// values as the text their owner sent). fetchIds are the matching fetch ids
+// joined by commas, like "1,4".
 std::string notification(std::string_view event, std::string_view fetchIds, std::string_view path,
                          std::string_view valueText);
+// The same notification split around the fetch ids: the payload is head,
+// fetchIds, then tail. An event that fans out to many connections quotes its
+// path and copies its value once.
+void notificationParts(std::string_view event, std::string_view path, std::string_view valueText,
+                       std::string& head, std::string& tail);
 
 // A received message, classified.
 struct Message
