@@ -323,10 +323,9 @@ std::string Scenario::table() const
                 cutAll = false;
             }
         }
-        Module& mm = const_cast<Module&>(m);
-        if (!mm.veladRunning()) {
+        if (!m.veladRunning()) {
             status = "velad down";
-        } else if (!mm.tsdRunning()) {
+        } else if (!m.tsdRunning()) {
             status = "tsd down";
         } else if (cutAll) {
             status = "unplugged";
