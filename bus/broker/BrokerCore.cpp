@@ -342,19 +342,13 @@ void BrokerCore::onSet(ConnId conn, const Json::Value& id, const Json::Value& pa
         return;
     }
     const std::int64_t token = m_nextSetToken++;
-    std::string out =
-        "{\"jsonrpc\":\"2.0\",\"id\":" + std::to_string(token) + ",\"method\":\"set\",\"params\":{\"path\":";
-    appendQuoted(out, path);
-    out += ",\"value\":";
-    out += valueTextOf(params, payload);
-    out += "}}";
     const ConnId owner = it->second.owner;
     // A set sent as a notification has nobody to answer to, but the owner
     // still gets it (its answer is then dropped).
     if (!id.isNull()) {
         m_pendingSets[token] = PendingSet{conn, id, owner, path, now + m_setTimeout};
     }
-    m_sink.send(owner, std::move(out));
+    m_sink.send(owner, p::setRequest(token, path, valueTextOf(params, payload)));
 }
 
 void BrokerCore::response(ConnId conn, const Json::Value& id, const Json::Value& body)

@@ -74,6 +74,19 @@ std::string notification(std::string_view event, std::string_view fetchIds, std:
     return head.append(fetchIds).append(tail);
 }
 
+std::string setRequest(std::int64_t id, std::string_view path, std::string_view valueText)
+{
+    std::string out(kPrefix);
+    out += ",\"id\":";
+    out += std::to_string(id);
+    out += ",\"method\":\"set\",\"params\":{\"path\":";
+    appendQuoted(out, path);
+    out += ",\"value\":";
+    out += valueText;
+    out += "}}";
+    return out;
+}
+
 Message classify(Json::Value&& frame)
 {
     Message m;

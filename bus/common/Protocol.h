@@ -75,6 +75,10 @@ std::string notification(std::string_view event, std::string_view fetchIds, std:
 void notificationParts(std::string_view event, std::string_view path, std::string_view valueText,
                        std::string& head, std::string& tail);
 
+// The set request the broker routes to a state's owner; the value goes on as
+// the JSON text the requester wrote.
+std::string setRequest(std::int64_t id, std::string_view path, std::string_view valueText);
+
 // A received message, classified.
 struct Message
 {
