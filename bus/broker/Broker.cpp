@@ -5,10 +5,7 @@
 
 #include <orv/sys/EventLoop.h>
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/epoll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -64,23 +61,22 @@ void Broker::onAccept()
     // Accept a bounded number per wake-up so a connection storm cannot
     // starve the peers already connected.
     for (int i = 0; i < 64; ++i) {
-        int fd = ::accept4(m_listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        int fd = socket::acceptTcp(m_listenFd);
         if (fd < 0) {
-            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-                log(std::string("accept: ") + std::strerror(errno) + "; not accepting for a second");
+            const int err = -fd;
+            if (err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM) {
+                log(std::string("accept: ") + std::strerror(err) + "; not accepting for a second");
                 m_loop.modifyFd(m_listenFd, 0);
                 m_acceptPause.set(std::chrono::seconds(1), false, [this](bool fired) {
                     if (fired) {
                         m_loop.modifyFd(m_listenFd, EPOLLIN);
                     }
                 });
-            } else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR && errno != ECONNABORTED) {
-                log(std::string("accept: ") + std::strerror(errno));
+            } else if (err != EAGAIN && err != EWOULDBLOCK && err != EINTR && err != ECONNABORTED) {
+                log(std::string("accept: ") + std::strerror(err));
             }
             return;
         }
-        int one = 1;
-        ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
         const ConnId id = m_nextConn++;
         const std::string name = socket::peerName(fd);
         auto conn = std::make_unique<FrameConnection>(

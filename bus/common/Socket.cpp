@@ -19,6 +19,13 @@ int newSocket()
     return fd < 0 ? -errno : fd;
 }
 
+void setNoDelay(int fd)
+{
+    int one = 1;
+    // Bus messages are small and latency matters more than packet count.
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+}
+
 }  // namespace
 
 bool makeAddress(const std::string& address, std::uint16_t port, sockaddr_in& addr)
@@ -51,6 +58,16 @@ int listenTcp(const std::string& address, std::uint16_t port)
     return fd;
 }
 
+int acceptTcp(int listenFd)
+{
+    int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd < 0) {
+        return -errno;
+    }
+    setNoDelay(fd);
+    return fd;
+}
+
 std::uint16_t localPort(int fd)
 {
     sockaddr_in addr;
@@ -71,9 +88,7 @@ int connectTcp(const std::string& address, std::uint16_t port, bool* inProgress)
     if (fd < 0) {
         return fd;
     }
-    int one = 1;
-    // Bus messages are small and latency matters more than packet count.
-    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    setNoDelay(fd);
     *inProgress = false;
     if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
         if (errno != EINPROGRESS) {

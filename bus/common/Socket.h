@@ -13,6 +13,9 @@ namespace vela::socket {
 bool makeAddress(const std::string& address, std::uint16_t port, sockaddr_in& addr);
 // A listening TCP socket bound to address:port (port 0: any free port).
 int listenTcp(const std::string& address, std::uint16_t port);
+// Accepts one waiting connection, set up like connectTcp's; -EAGAIN when
+// none is waiting.
+int acceptTcp(int listenFd);
 // The local port of a bound socket, or 0.
 std::uint16_t localPort(int fd);
 // Starts a connection; *inProgress tells whether to wait for EPOLLOUT and
