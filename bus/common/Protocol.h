@@ -54,7 +54,8 @@ enum ErrorCode : int
     kFetchExists = -32008,     // fetch with an id this peer uses already
     kFrameTooLarge = -32009,   // bad frame length; the connection closes
     kConnectionLost = -32010,  // local to the peer: the request was lost with the connection
-    kSetFailed = -32011        // the owner's set callback failed
+    kSetFailed = -32011,       // the owner's set callback failed
+    kSetRefused = -32012       // the owner checked the value and refused it
 };
 
 // {"jsonrpc":"2.0","id":id,"method":method,"params":params}; id null: a

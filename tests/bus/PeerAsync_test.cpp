@@ -321,6 +321,24 @@ TEST_F(PeerAsyncTest, SetCallbackThatThrowsGivesAnErrorAndThePeerLivesOn)
     EXPECT_TRUE(owner->isConnected());
 }
 
+TEST_F(PeerAsyncTest, SetCallbackThatRefusesAnswersItsReasonAndKeepsTheValue)
+{
+    startBroker();
+    auto owner = peer();
+    std::optional<Json::Value> added;
+    owner->addStateAsync("a", 0, store(added), [](const Json::Value&, const std::string&) -> Json::Value {
+        throw vela::SetRefused("\"threshold\": must be a finite number");
+    });
+    ASSERT_TRUE(runUntil(loop, [&] { return added.has_value(); }));
+    auto requester = peer();
+    std::optional<Json::Value> r, got;
+    requester->setAsync("a", 1, store(r));
+    ASSERT_TRUE(runUntil(loop, [&] { return r.has_value(); }));
+    EXPECT_EQ((*r)["error"]["code"], vela::protocol::kSetRefused);
+    EXPECT_EQ((*r)["error"]["message"], "\"threshold\": must be a finite number");
+    EXPECT_TRUE(owner->isConnected());
+}
+
 TEST_F(PeerAsyncTest, SetOnStateWithoutSetCallbackIsRefused)
 {
     startBroker();

@@ -651,8 +651,13 @@ struct PeerAsync::Impl
         std::shared_ptr<bool> guard = alive;
         Json::Value answer;
         std::string failure;
+        std::string refusal;
+        bool refused = false;
         try {
             answer = cb(params["value"], path);
+        } catch (const SetRefused& e) {
+            refused = true;
+            refusal = e.what();
         } catch (const std::exception& e) {
             failure = e.what();
         } catch (...) {
@@ -661,7 +666,9 @@ struct PeerAsync::Impl
         if (!*guard || !conn || id.isNull()) {
             return;
         }
-        if (!failure.empty()) {
+        if (refused) {
+            sendPayload(p::error(id, p::kSetRefused, refusal));
+        } else if (!failure.empty()) {
             syslog(LOG_ERR, "vela: set callback of '%s' threw: %s", path.c_str(), failure.c_str());
             sendPayload(p::error(id, p::kSetFailed, "set callback failed: " + failure));
         } else {

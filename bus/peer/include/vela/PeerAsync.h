@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 namespace orv::sys {
@@ -33,6 +34,16 @@ using FetchCallback = std::function<void(const Json::Value& notification, int fe
 // A set request on an own state: the requested value and the state's path.
 // The returned value (null allowed) is the answer to the requester.
 using SetCallback = std::function<Json::Value(const Json::Value& value, const std::string& path)>;
+
+// Thrown by a set callback that checked the requested value and will not take
+// it: the requester gets error -32012 with what() as the message, and the
+// owner's log gets no error line (a refusal is the callback doing its job).
+// Any other exception is a failure of the callback (-32011, logged).
+class SetRefused : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
 
 // A participant of the vela bus, driven by an orv::sys::EventLoop. Every call
 // returns at once; the request goes out when the connection is up (calls made
