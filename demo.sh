@@ -16,6 +16,9 @@ fi
 scripts/install-deps
 
 build_dir=${BUILD_DIR:-build}
+# chronyd, ntpd and mosquitto run from private copies beside the build; their
+# packages would start services on this machine.
+scripts/private-daemons "$build_dir/private"
 echo "demo.sh: building into $build_dir/ (the first time takes a few minutes)"
 cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE=Release -DTSD_WERROR=ON >/dev/null
 cmake --build "$build_dir" -j"$(nproc)" --target tsd velad vela tsdsim >/dev/null

@@ -8,6 +8,9 @@ cd "$(dirname "$(readlink -f "$0")")"
 scripts/install-deps
 
 build_dir=${BUILD_DIR:-build}
+# chronyd, ntpd and mosquitto run from private copies beside the build; their
+# packages would start services on this machine.
+scripts/private-daemons "$build_dir/private"
 cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE=Release -DTSD_WERROR=ON
 cmake --build "$build_dir" -j"$(nproc)"
 
