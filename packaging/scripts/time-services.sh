@@ -3,6 +3,10 @@
 # the scripts as root through system(), so everything read here is treated as
 # hostile until checked.
 #
+# Unquoted expansions split words on purpose (globbing is off); the TS_
+# settings are read by the scripts that source this file.
+# shellcheck shell=sh disable=SC2086,SC2034
+#
 # One ptp4l per module. At boot (tsd.service's ExecStartPre runs
 # "ptp4ladm.sh stop") a follower ptp4l runs: slave only, with the options of
 # PTP4L_FOLLOWER_OPTIONS. "ptp4ladm.sh start" replaces it by the serving
@@ -25,16 +29,23 @@
 #   ntp.stopped          "STARTTIME PID" of the last NTP stop (see below)
 #   chronyd.conf ntpd.conf  the generated NTP daemon configuration
 #
-# Bounds: every invocation ends within 5 s. A lock is waited for at most
+# Bounds: tsd's loop waits for every call but the detached NTP start, so
+# every invocation ends within 5 s: each wait (the lock, a stopping service,
+# systemctl) takes the smaller of its own bound and what is left of
+# TS_BUDGET, counted from the script's start. A lock is waited for at most
 # TS_LOCK_WAIT; a service gets TS_TERM_WAIT after SIGTERM, then SIGKILL and
 # TS_KILL_WAIT; a new service must still run TS_SETTLE after its start. The
-# holder of a lock needs at most about 2 s (stop, start, fall-back start), so a
-# waiter that gets the lock late still ends in time.
+# holder of a lock normally needs well under 2 s (stop, start, fall-back
+# start), so a waiter that gets the lock late still ends in time.
 
 TS_RUN=/var/run/timesync
-TS_LOCK_WAIT=2.5
-TS_TERM_WAIT=100 # centiseconds
-TS_KILL_WAIT=30  # centiseconds
+# In centiseconds.
+TS_BUDGET=470
+TS_LOCK_WAIT=250
+TS_TERM_WAIT=100
+TS_KILL_WAIT=30
+TS_SYSTEMCTL_WAIT=200
+# In seconds, for sleep(1).
 TS_SETTLE=0.2
 # Longest ptp4l.cfg / ntpserver.ip the scripts read; anything longer is refused
 # before it is looked at byte by byte.
@@ -74,7 +85,7 @@ ts_escape() {
     while :; do
         case $ts_s in
             *\\*)
-                ts_escaped=$ts_escaped${ts_s%%\\*}'\\'
+                ts_escaped=$ts_escaped${ts_s%%\\*}\\\\
                 ts_s=${ts_s#*\\}
                 ;;
             *)
@@ -342,6 +353,27 @@ ts_now() {
     ts_cs=$((${ts_up%.*} * 100 + 1${ts_up#*.} - 100))
 }
 
+ts_now
+TS_DEADLINE=$((ts_cs + TS_BUDGET))
+
+# ts_budget CENTISECONDS: sets ts_left to CENTISECONDS or what is left of this
+# invocation's budget, the smaller, and ts_secs to the same in seconds (for
+# flock -w and timeout); status 1 when nothing is left.
+ts_budget() {
+    ts_now
+    ts_left=$((TS_DEADLINE - ts_cs))
+    [ "$ts_left" -le "$1" ] || ts_left=$1
+    [ "$ts_left" -gt 0 ] || return 1
+    ts_secs=$((ts_left / 100)).$((ts_left / 10 % 10))$((ts_left % 10))
+}
+
+# ts_systemctl CENTISECONDS ARGS...: systemctl within the budget.
+ts_systemctl() {
+    ts_budget "$1" || return 1
+    shift
+    timeout "$ts_secs" systemctl "$@" 9>&-
+}
+
 # ts_proc PID: sets ts_pstate, ts_psid and ts_pstart (clock ticks since boot
 # at which the process was forked) from /proc/PID/stat; status 1 when there is
 # no such process.
@@ -382,10 +414,10 @@ ts_launch() {
     ts_pstart=$ts_start
 }
 
-# ts_wait_gone PID START CENTISECONDS
+# ts_wait_gone PID START CENTISECONDS: within the budget.
 ts_wait_gone() {
-    ts_now
-    ts_end=$((ts_cs + $3))
+    ts_budget "$3" || ts_left=0
+    ts_end=$((ts_cs + ts_left))
     while ts_alive "$1" "$2"; do
         ts_now
         [ "$ts_cs" -lt "$ts_end" ] || return 1
@@ -423,7 +455,9 @@ ts_systemd() {
 ts_lock() {
     [ -d "$TS_RUN" ] || mkdir -p "$TS_RUN" || ts_fail "cannot create $TS_RUN"
     exec 9>>"$TS_RUN/$1.lock" || ts_fail "cannot open $TS_RUN/$1.lock"
-    flock -w "$TS_LOCK_WAIT" 9 || ts_fail "$TS_RUN/$1.lock still held after ${TS_LOCK_WAIT}s; nothing done"
+    if ! ts_budget "$TS_LOCK_WAIT" || ! flock -w "$ts_secs" 9; then
+        ts_fail "$TS_RUN/$1.lock still held after ${ts_secs}s; nothing done"
+    fi
 }
 
 # ts_start SERVICE DESCRIPTION PROGRAM ARGS...: starts the program as
@@ -434,11 +468,12 @@ ts_start() {
     ts_service=$1 ts_desc=$2
     shift 2
     if ts_systemd; then
-        timeout 3 systemd-run --quiet --collect --unit="tsd-$ts_service" --description="$ts_desc" \
+        ts_budget "$TS_SYSTEMCTL_WAIT" || return 1
+        timeout "$ts_secs" systemd-run --quiet --collect --unit="tsd-$ts_service" --description="$ts_desc" \
             --property=TimeoutStopSec=1 -- "$@" </dev/null >/dev/null 9>&- || return 1
         sleep "$TS_SETTLE"
-        timeout 2 systemctl is-active --quiet "tsd-$ts_service.service" 9>&- || return 1
-        ts_pid=$(timeout 2 systemctl show --property=MainPID --value "tsd-$ts_service.service" 9>&-)
+        ts_systemctl "$TS_SYSTEMCTL_WAIT" is-active --quiet "tsd-$ts_service.service" || return 1
+        ts_pid=$(ts_systemctl "$TS_SYSTEMCTL_WAIT" show --property=MainPID --value "tsd-$ts_service.service")
         case $ts_pid in '' | 0 | *[!0-9]*) return 1 ;; esac
         return 0
     fi
@@ -448,7 +483,7 @@ ts_start() {
 
 # ts_running SERVICE: SERVICE runs, in its unit or as the tracked process.
 ts_running() {
-    if ts_systemd && timeout 2 systemctl is-active --quiet "tsd-$1.service" 9>&-; then
+    if ts_systemd && ts_systemctl "$TS_SYSTEMCTL_WAIT" is-active --quiet "tsd-$1.service"; then
         return 0
     fi
     [ -f "$TS_RUN/$1.id" ] || return 1
@@ -459,8 +494,8 @@ ts_running() {
 # ts_stop SERVICE: stops SERVICE, whichever way it was started, and removes
 # its state files. Stopping what does not run succeeds.
 ts_stop() {
-    if ts_systemd && timeout 2 systemctl is-active --quiet "tsd-$1.service" 9>&-; then
-        timeout 3 systemctl stop "tsd-$1.service" 9>&- || return 1
+    if ts_systemd && ts_systemctl "$TS_SYSTEMCTL_WAIT" is-active --quiet "tsd-$1.service"; then
+        ts_systemctl "$TS_SYSTEMCTL_WAIT" stop "tsd-$1.service" || return 1
     fi
     if [ -f "$TS_RUN/$1.id" ]; then
         read -r ts_id_pid ts_id_start _ <"$TS_RUN/$1.id"
