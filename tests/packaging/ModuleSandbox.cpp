@@ -185,6 +185,22 @@ std::string ModuleSandbox::recorder(const std::string& name)
                              ".args\nexec sleep 60\n");
 }
 
+std::string ModuleSandbox::stubborn(const std::string& name)
+{
+    return program(name, "#!/bin/sh\ntrap '' TERM\nexec sleep 60\n");
+}
+
+void ModuleSandbox::expectStopKillsWithinTheBound(const std::string& stopCall, pid_t daemon)
+{
+    ASSERT_TRUE(alive(daemon));
+    Outcome stop = run(stopCall);
+    EXPECT_EQ(stop.status, 0);
+    EXPECT_LT(stop.seconds, 5.0);
+    EXPECT_GE(stop.seconds, 0.9) << "SIGTERM alone cannot have ended it";
+    EXPECT_FALSE(alive(daemon));
+    EXPECT_TRUE(processes().empty());
+}
+
 std::string ModuleSandbox::envPrefix(const std::string& extraPath) const
 {
     std::string env = "cd " + m_dir + " && TSD_DEFAULTS=" + m_dir + "/tsd.default ";

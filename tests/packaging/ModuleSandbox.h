@@ -69,6 +69,12 @@ public:
     // A ptp4l or NTP daemon stand-in that writes its arguments, one per line,
     // to <name>.args and then sleeps; its path.
     std::string recorder(const std::string& name);
+    // A stand-in that ignores SIGTERM, as a hung daemon would; its path.
+    std::string stubborn(const std::string& name);
+    // Runs the stop call while a stubborn stand-in runs as daemon: the call
+    // must end it with SIGKILL, within the 5 s every call has, and leave
+    // nothing of this module running.
+    void expectStopKillsWithinTheBound(const std::string& stopCall, pid_t daemon);
     const std::string& dir() const { return m_dir; }
 
     // Runs "script args" as tsd does (system(), so through /bin/sh) from

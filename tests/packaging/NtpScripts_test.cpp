@@ -90,6 +90,44 @@ void waitForDetachedStarts(ModuleSandbox& module)
     EXPECT_TRUE(waitFor([&] { return module.processesRunning("start_ntpd.sh").empty(); }, 6s));
 }
 
+// A synchronous start; the daemon's pid from its pid file.
+pid_t start(ModuleSandbox& module, const std::string& pidFile)
+{
+    EXPECT_EQ(module.run("start_ntpd.sh").status, 0);
+    pid_t daemon = pidFrom(kRun + "/" + pidFile);
+    EXPECT_TRUE(alive(daemon));
+    return daemon;
+}
+
+// A start while the daemon runs replaces it and leaves nothing behind.
+void expectStartWhileRunningRestarts(ModuleSandbox& module, const std::string& pidFile)
+{
+    pid_t first = start(module, pidFile);
+    pid_t second = start(module, pidFile);
+    EXPECT_NE(second, first);
+    EXPECT_FALSE(alive(first));
+    EXPECT_EQ(module.processes(), std::vector<pid_t>{second});
+}
+
+// tsd's detached start and a stop right after it, then nothing runs.
+// Without a pause the stop mostly gets the lock first and the start gives
+// up; with one, the start holds the lock while the daemon comes up and the
+// stop waits for it.
+void expectStopRightAfterDetachedStartWins(ModuleSandbox& module, const std::string& pidFile)
+{
+    for (auto pause : {0ms, 0ms, 50ms, 150ms, 300ms}) {
+        SCOPED_TRACE("pause " + std::to_string(pause.count()) + " ms");
+        module.runDetached("start_ntpd.sh");
+        std::this_thread::sleep_for(pause);
+        Outcome stop = module.run("stop_ntpd.sh");
+        EXPECT_EQ(stop.status, 0);
+        EXPECT_LT(stop.seconds, 5.0);
+        waitForDetachedStarts(module);
+        EXPECT_TRUE(module.processes().empty());
+        EXPECT_NE(::access((kRun + "/" + pidFile).c_str(), F_OK), 0);
+    }
+}
+
 }  // namespace
 
 TEST(NtpScripts, ChronydServesTheChainAndStopEndsIt)
@@ -128,20 +166,7 @@ TEST(NtpScripts, AStopRightAfterTheDetachedStartWins)
         ModuleSandbox module;
         module.setDefaults(chronydDefaults());
         writeServer("10.1.0.1");
-        // Without a pause the stop mostly gets the lock first and the start
-        // gives up; with one, the start holds the lock while chronyd comes up
-        // and the stop waits for it. Either way nothing may run afterwards.
-        for (auto pause : {0ms, 0ms, 50ms, 150ms, 300ms}) {
-            SCOPED_TRACE("pause " + std::to_string(pause.count()) + " ms");
-            module.runDetached("start_ntpd.sh");
-            std::this_thread::sleep_for(pause);
-            Outcome stop = module.run("stop_ntpd.sh");
-            EXPECT_EQ(stop.status, 0);
-            EXPECT_LT(stop.seconds, 5.0);
-            waitForDetachedStarts(module);
-            EXPECT_TRUE(module.processes().empty());
-            EXPECT_NE(::access((kRun + "/chronyd.pid").c_str(), F_OK), 0);
-        }
+        expectStopRightAfterDetachedStartWins(module, "chronyd.pid");
     });
 }
 
@@ -151,9 +176,7 @@ TEST(NtpScripts, RestartAsTsdDoesItServesTheNewServer)
         ModuleSandbox module;
         module.setDefaults(chronydDefaults());
         writeServer("10.1.0.1");
-        ASSERT_EQ(module.run("start_ntpd.sh").status, 0);
-        pid_t first = pidFrom(kRun + "/chronyd.pid");
-        ASSERT_TRUE(alive(first));
+        pid_t first = start(module, "chronyd.pid");
 
         // tsd's restart: new file, synchronous stop, detached start.
         writeServer("10.1.0.3");
@@ -175,13 +198,7 @@ TEST(NtpScripts, AStartWhileRunningRestarts)
         ModuleSandbox module;
         module.setDefaults(chronydDefaults());
         writeServer("10.1.0.1");
-        ASSERT_EQ(module.run("start_ntpd.sh").status, 0);
-        pid_t first = pidFrom(kRun + "/chronyd.pid");
-        ASSERT_EQ(module.run("start_ntpd.sh").status, 0);
-        pid_t second = pidFrom(kRun + "/chronyd.pid");
-        EXPECT_NE(second, first);
-        EXPECT_FALSE(alive(first));
-        EXPECT_EQ(module.processes(), std::vector<pid_t>{second});
+        expectStartWhileRunningRestarts(module, "chronyd.pid");
     });
 }
 
@@ -189,19 +206,10 @@ TEST(NtpScripts, ADaemonThatIgnoresSigtermIsKilledWithinTheBound)
 {
     runIsolated([] {
         ModuleSandbox module;
-        std::string stubborn = module.program("stubborn-chronyd", "#!/bin/sh\ntrap '' TERM\nexec sleep 60\n");
-        module.setDefaults("CHRONYD=" + stubborn + "\n");
+        module.setDefaults("CHRONYD=" + module.stubborn("chronyd") + "\n");
         writeServer("10.1.0.1");
-        ASSERT_EQ(module.run("start_ntpd.sh").status, 0);
-        pid_t daemon = pidFrom(kRun + "/chronyd.pid");
-        ASSERT_TRUE(alive(daemon));
-
-        Outcome stop = module.run("stop_ntpd.sh");
-        EXPECT_EQ(stop.status, 0);
-        EXPECT_LT(stop.seconds, 5.0);
-        EXPECT_GE(stop.seconds, 0.9) << "SIGTERM alone cannot have ended it";
-        EXPECT_FALSE(alive(daemon));
-        EXPECT_TRUE(module.processes().empty());
+        pid_t daemon = start(module, "chronyd.pid");
+        module.expectStopKillsWithinTheBound("stop_ntpd.sh", daemon);
     });
 }
 
@@ -211,33 +219,29 @@ TEST(NtpScripts, NtpdServesWhenChronydIsAbsent)
         ModuleSandbox module;
         module.setDefaults(ntpdDefaults());
         writeServer("10.1.0.1");
-        ASSERT_EQ(module.run("start_ntpd.sh").status, 0);
-        pid_t ntpd = pidFrom(kRun + "/ntpd.pid");
-        ASSERT_TRUE(alive(ntpd));
+        pid_t ntpd = start(module, "ntpd.pid");
         std::vector<std::string> expected{kNtpd, "-n", "-c", kRun + "/ntpd.conf"};
         EXPECT_EQ(commandLine(ntpd), expected);
         std::string conf = readFile(kRun + "/ntpd.conf");
         EXPECT_NE(conf.find("\nserver 10.1.0.1 iburst\n"), std::string::npos) << conf;
         EXPECT_NE(conf.find("\nrestrict 10.1.0.2 mask 255.255.255.0 nomodify noquery\n"), std::string::npos) << conf;
-
-        // A second start restarts; it never leaves the first ntpd behind.
-        ASSERT_EQ(module.run("start_ntpd.sh").status, 0);
-        pid_t second = pidFrom(kRun + "/ntpd.pid");
-        EXPECT_NE(second, ntpd);
+        EXPECT_EQ(module.run("stop_ntpd.sh").status, 0);
         EXPECT_FALSE(alive(ntpd));
-        EXPECT_EQ(module.processes(), std::vector<pid_t>{second});
-
-        Outcome stop = module.run("stop_ntpd.sh");
-        EXPECT_EQ(stop.status, 0);
-        EXPECT_FALSE(alive(second));
         EXPECT_TRUE(module.processes().empty());
+    });
+}
 
-        // The race that used to orphan ntpd: a stop right after the start.
-        for (int round = 0; round < 3; ++round) {
-            module.runDetached("start_ntpd.sh");
-            EXPECT_EQ(module.run("stop_ntpd.sh").status, 0);
-            waitForDetachedStarts(module);
-            EXPECT_TRUE(module.processes().empty()) << "round " << round;
-        }
+// The two ways ntpd used to be left running: a second start that orphaned
+// the first, and a stop right after a start that found no pid file yet.
+TEST(NtpScripts, NtpdIsNeverLeftBehind)
+{
+    runIsolated([] {
+        ModuleSandbox module;
+        module.setDefaults(ntpdDefaults());
+        writeServer("10.1.0.1");
+        expectStartWhileRunningRestarts(module, "ntpd.pid");
+        EXPECT_EQ(module.run("stop_ntpd.sh").status, 0);
+        EXPECT_TRUE(module.processes().empty());
+        expectStopRightAfterDetachedStartWins(module, "ntpd.pid");
     });
 }

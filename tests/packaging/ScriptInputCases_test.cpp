@@ -68,29 +68,44 @@ bool loggedStartingWith(testsupport::SyslogCapture& syslog, const std::string& h
     return false;
 }
 
-const std::string kPtpRefusal = "/var/run/timesync/ptp4l.cfg: refused \"";
-
-// One ptp4l.cfg through "ptp4ladm.sh start": accepted values reach the
-// stand-in token by token, refused ones start nothing and are named.
-void checkPtpValue(ModuleSandbox& module, testsupport::SyslogCapture& syslog, const Case& c)
+// The part both tables share: the value and tsd's line feed go to the file,
+// the script runs; an accepted value started the stand-in (status 0, its
+// arguments recorded), a refused one started nothing (status 1, the pid file
+// as it was). Returns the stand-in's recorded arguments.
+std::vector<std::string> throughScript(ModuleSandbox& module, testsupport::SyslogCapture& syslog, const Case& c,
+                                       const std::string& script, const std::string& file,
+                                       const std::string& daemon)
 {
-    SCOPED_TRACE((c.accept ? "accept " : "refuse ") + c.value);
-    const std::string args = module.dir() + "/ptp4l.args";
+    const std::string args = module.dir() + "/" + daemon + ".args";
     ::unlink(args.c_str());
-    writeBytes(kRun + "/ptp4l.cfg", unescape(c.value) + "\n");
-    pid_t before = pidFrom(kRun + "/ptp4l.pid");
+    writeBytes(kRun + "/" + file, unescape(c.value) + "\n");
+    pid_t before = pidFrom(kRun + "/" + daemon + ".pid");
     syslog.clear();
-    Outcome outcome = module.run("ptp4ladm.sh start");
+    Outcome outcome = module.run(script);
     if (c.accept) {
         EXPECT_EQ(outcome.status, 0) << syslog.dump();
         EXPECT_TRUE(waitFor([&] { return ::access(args.c_str(), F_OK) == 0; }, 3s));
-        EXPECT_EQ(readLines(args), splitBlanks(unescape(c.value)));
-        return;
+        return readLines(args);
     }
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_NE(::access(args.c_str(), F_OK), 0) << "a refused value started ptp4l";
-    EXPECT_EQ(pidFrom(kRun + "/ptp4l.pid"), before);
-    EXPECT_TRUE(syslog.contains(LOG_ERR, kPtpRefusal + c.named + "\"; nothing started")) << syslog.dump();
+    EXPECT_NE(::access(args.c_str(), F_OK), 0) << "a refused value started " << daemon;
+    EXPECT_EQ(pidFrom(kRun + "/" + daemon + ".pid"), before);
+    return {};
+}
+
+// One ptp4l.cfg through "ptp4ladm.sh start": accepted values reach the
+// stand-in token by token, refused ones are named.
+void checkPtpValue(ModuleSandbox& module, testsupport::SyslogCapture& syslog, const Case& c)
+{
+    SCOPED_TRACE((c.accept ? "accept " : "refuse ") + c.value);
+    std::vector<std::string> args = throughScript(module, syslog, c, "ptp4ladm.sh start", "ptp4l.cfg", "ptp4l");
+    if (c.accept) {
+        EXPECT_EQ(args, splitBlanks(unescape(c.value)));
+    } else {
+        EXPECT_TRUE(syslog.contains(LOG_ERR, "/var/run/timesync/ptp4l.cfg: refused \"" + c.named +
+                                                 "\"; nothing started"))
+            << syslog.dump();
+    }
 }
 
 }  // namespace
@@ -131,26 +146,17 @@ TEST(ScriptInputCases, EveryNtpServerCaseThroughStartNtpd)
         testsupport::SyslogCapture syslog;
         ModuleSandbox module;
         module.setDefaults("CHRONYD=" + module.recorder("chronyd") + "\n");
-        const std::string args = module.dir() + "/chronyd.args";
         for (const Case& c : readCases("ntp-server-cases", false)) {
             SCOPED_TRACE((c.accept ? "accept " : "refuse ") + c.value);
-            ::unlink(args.c_str());
-            writeBytes(kRun + "/ntpserver.ip", unescape(c.value) + "\n");
-            pid_t before = pidFrom(kRun + "/chronyd.pid");
-            syslog.clear();
-            Outcome outcome = module.run("start_ntpd.sh");
+            throughScript(module, syslog, c, "start_ntpd.sh", "ntpserver.ip", "chronyd");
             if (c.accept) {
-                EXPECT_EQ(outcome.status, 0) << syslog.dump();
-                EXPECT_TRUE(waitFor([&] { return ::access(args.c_str(), F_OK) == 0; }, 3s));
                 std::string conf = readFile(kRun + "/chronyd.conf");
                 EXPECT_NE(conf.find("\nserver " + c.value + " iburst\n"), std::string::npos) << conf;
-                continue;
+            } else {
+                EXPECT_TRUE(
+                    loggedStartingWith(syslog, "/var/run/timesync/ntpserver.ip: refused ", "; nothing started"))
+                    << syslog.dump();
             }
-            EXPECT_EQ(outcome.status, 1);
-            EXPECT_NE(::access(args.c_str(), F_OK), 0) << "a refused server started the NTP daemon";
-            EXPECT_EQ(pidFrom(kRun + "/chronyd.pid"), before);
-            EXPECT_TRUE(loggedStartingWith(syslog, "/var/run/timesync/ntpserver.ip: refused ", "; nothing started"))
-                << syslog.dump();
         }
     });
 }
