@@ -1,37 +1,21 @@
 // The files a module receives besides the binaries: where the install rules
-// put them, whether the daemon reads the example configuration as intended,
-// and how the reference time-service scripts behave with stand-ins for ptp4l
-// and the NTP daemon. Runs in the test's private mount namespace, so /run,
-// /etc and the scratch folders are the test's own.
+// put them and whether the daemon reads the example configuration as
+// intended. Runs in the test's private mount namespace, so /etc and the
+// scratch folders are the test's own. The time-service scripts themselves
+// have test programs of their own beside this one.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <fstream>
-#include <sstream>
-#include <thread>
-
+#include "ModuleSandbox.h"
 #include "config/ConfigParams.h"
 #include "testsupport/PrivateMounts.h"
 
+using scripttest::kSource;
+using scripttest::readFile;
 using testsupport::PrivateMounts;
-using namespace std::chrono_literals;
 
 namespace {
-
-const std::string kSource = TSD_SOURCE_DIR;
-const std::string kScripts = kSource + "/packaging/scripts";
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 bool isExecutableFile(const std::string& path)
 {
@@ -44,65 +28,6 @@ int run(const std::string& command)
     int status = std::system(command.c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
-
-// Running, not merely waiting to be collected: the stand-ins the scripts
-// background are reparented, and whether anyone reaps them depends on the
-// machine.
-bool alive(pid_t pid)
-{
-    if (::kill(pid, 0) != 0) {
-        return false;
-    }
-    std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
-    auto close = stat.rfind(')');
-    return close == std::string::npos || stat.compare(close + 2, 1, "Z") != 0;
-}
-
-pid_t pidFrom(const std::string& path)
-{
-    std::string text = readFile(path);
-    return text.empty() ? 0 : static_cast<pid_t>(std::stol(text));
-}
-
-// /var/run is /run: every test gets its own, with /var/run/timesync as the
-// daemon leaves it.
-class Scripts : public ::testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(PrivateMounts::shadow("/run"));
-        ::mkdir("/run/timesync", 0755);
-        for (const char* f : {"ptp4l.cfg", "ptp4l.pid", "ntpserver.ip", "ntpd.pid", "ntpd.conf"}) {
-            PrivateMounts::removeEntry(std::string("/run/timesync/") + f);
-        }
-        m_dir = PrivateMounts::scratchDir(
-            "scripts-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
-        // A ptp4l that records its arguments and stays up like the real one.
-        ASSERT_TRUE(PrivateMounts::writeFile(
-            m_dir + "/ptp4l", "#!/bin/sh\necho \"$@\" > " + m_dir + "/ptp4l.args\nexec sleep 30\n", 0755));
-        // An NTP daemon that records its arguments and writes its pid file (-p).
-        ASSERT_TRUE(PrivateMounts::writeFile(m_dir + "/ntpd",
-                                             "#!/bin/sh\necho \"$@\" > " + m_dir +
-                                                 "/ntpd.args\nwhile [ $# -gt 0 ]; do [ \"$1\" = -p ] && echo "
-                                                 "$$ > \"$2\"; shift; done\nexec sleep 30\n",
-                                             0755));
-    }
-
-    void TearDown() override
-    {
-        for (const char* f : {"/run/timesync/ptp4l.pid", "/run/timesync/ntpd.pid"}) {
-            pid_t pid = pidFrom(f);
-            if (pid > 0 && alive(pid)) {
-                ::kill(pid, SIGKILL);
-            }
-        }
-    }
-
-    std::string env() const { return "PTP4L=" + m_dir + "/ptp4l NTPD=" + m_dir + "/ntpd "; }
-
-    std::string m_dir;
-};
 
 }  // namespace
 
@@ -124,18 +49,44 @@ TEST(Install, PutsEveryFileWhereTheModuleExpectsIt)
                   root + ".log 2>&1"),
               0)
         << readFile(root + ".log");
+    // The installed scripts use the installed library and allow-lists, never
+    // the build tree's.
     for (const char* script : {"/bin/ptp4ladm.sh", "/bin/start_ntpd.sh", "/bin/stop_ntpd.sh"}) {
         EXPECT_TRUE(isExecutableFile(root + script)) << script;
+        std::string text = readFile(root + script);
+        EXPECT_NE(text.find("\n. '/usr/share/tsd/time-services.sh'\n"), std::string::npos) << script;
+        EXPECT_NE(text.find("\nTSD_DATA_DIR='/usr/share/tsd'\n"), std::string::npos) << script;
+        EXPECT_EQ(text.find(kSource), std::string::npos) << script;
+    }
+    for (const char* shared : {"time-services.sh", "ptp4l-options", "chronyd-options", "ntpd-options"}) {
+        EXPECT_EQ(readFile(root + "/usr/share/tsd/" + shared),
+                  readFile(kSource + "/packaging/" +
+                           (std::string(shared) == "time-services.sh" ? "scripts/" : "config/") + shared))
+            << shared;
     }
     EXPECT_EQ(readFile(root + "/etc/TimeSourceDaemonConfig.xml"),
               readFile(kSource + "/packaging/config/TimeSourceDaemonConfig.xml"));
-    EXPECT_NE(readFile(root + "/etc/default/tsd").find("UUID="), std::string::npos);
+    // The UUID is the first setting: provisioning rewrites that line.
+    std::string firstSetting;
+    for (const std::string& line : scripttest::readLines(root + "/etc/default/tsd")) {
+        if (!line.empty() && line[0] != '#') {
+            firstSetting = line;
+            break;
+        }
+    }
+    EXPECT_EQ(firstSetting.compare(0, 5, "UUID="), 0) << firstSetting;
 
     // The units start the programs where the install put them.
     std::string tsdUnit = readFile(root + "/lib/systemd/system/tsd.service");
     std::string veladUnit = readFile(root + "/lib/systemd/system/velad.service");
     EXPECT_NE(tsdUnit.find("RuntimeDirectory=timesync"), std::string::npos) << tsdUnit;
     EXPECT_NE(tsdUnit.find(" $TSD_OPTIONS\n"), std::string::npos) << tsdUnit;
+    // The daemon starts with no time service of its own: the module follows.
+    EXPECT_NE(tsdUnit.find("\nExecStartPre=-/bin/ptp4ladm.sh stop\n"), std::string::npos) << tsdUnit;
+    EXPECT_NE(tsdUnit.find("\nExecStartPre=-/bin/stop_ntpd.sh\n"), std::string::npos) << tsdUnit;
+    // The debug signals reach the daemon alone, not the scripts it runs.
+    EXPECT_NE(tsdUnit.find("systemctl kill --kill-whom=main -s SIGUSR1 tsd"), std::string::npos) << tsdUnit;
+    EXPECT_EQ(tsdUnit.find("systemctl kill -s"), std::string::npos) << tsdUnit;
     std::string tsd = execStartOf(tsdUnit);
     std::string velad = execStartOf(veladUnit);
     EXPECT_EQ(tsd.substr(tsd.rfind('/')), "/tsd");
@@ -163,71 +114,4 @@ TEST(ExampleConfiguration, IsReadAsDocumented)
     EXPECT_EQ(cfg.getPrioLevel("RZ"), 10u);
     EXPECT_EQ(cfg.getPrioLevel("Ptp"), 5u);
     EXPECT_EQ(cfg.getPrioLevel("Ntp"), 3u);
-}
-
-TEST_F(Scripts, PtpStartRunsPtp4lWithTheOptionsOfItsFileAndStopEndsIt)
-{
-    ASSERT_TRUE(PrivateMounts::writeFile("/run/timesync/ptp4l.cfg", "-4 -E -H -i firewire0\n"));
-    ASSERT_EQ(run(env() + kScripts + "/ptp4ladm.sh start"), 0);
-    pid_t pid = pidFrom("/run/timesync/ptp4l.pid");
-    ASSERT_GT(pid, 0);
-    EXPECT_TRUE(alive(pid));
-    EXPECT_EQ(readFile(m_dir + "/ptp4l.args"), "-4 -E -H -i firewire0\n");
-
-    ASSERT_TRUE(PrivateMounts::writeFile("/run/timesync/ptp4l.cfg", "-2 -i firewire1\n"));
-    ASSERT_EQ(run(env() + kScripts + "/ptp4ladm.sh restart"), 0);
-    pid_t again = pidFrom("/run/timesync/ptp4l.pid");
-    EXPECT_NE(again, pid);
-    EXPECT_EQ(readFile(m_dir + "/ptp4l.args"), "-2 -i firewire1\n");
-
-    ASSERT_EQ(run(env() + kScripts + "/ptp4ladm.sh stop"), 0);
-    // The stand-in is a grandchild of this test (the script backgrounds it)
-    // and has been reparented; it is gone once kill -0 fails.
-    auto deadline = std::chrono::steady_clock::now() + 5s;
-    while (alive(again) && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(20ms);
-    }
-    EXPECT_FALSE(alive(again));
-    EXPECT_FALSE(std::ifstream("/run/timesync/ptp4l.pid").good());
-    EXPECT_EQ(run(env() + kScripts + "/ptp4ladm.sh stop"), 0) << "stopping a stopped daemon is no failure";
-}
-
-TEST_F(Scripts, PtpStartFailsWithoutItsFileOrWithoutPtp4l)
-{
-    EXPECT_EQ(run(env() + kScripts + "/ptp4ladm.sh start 2>/dev/null"), 1);
-    ASSERT_TRUE(PrivateMounts::writeFile("/run/timesync/ptp4l.cfg", "-4\n"));
-    EXPECT_EQ(run("PTP4L=" + m_dir + "/no-such-ptp4l " + kScripts + "/ptp4ladm.sh start 2>/dev/null"), 1);
-    EXPECT_EQ(run(kScripts + "/ptp4ladm.sh frobnicate 2>/dev/null"), 2);
-}
-
-TEST_F(Scripts, NtpStartServesTheConfiguredServerAndStopEndsIt)
-{
-    ASSERT_TRUE(PrivateMounts::writeFile("/run/timesync/ntpserver.ip", "192.0.2.7\n"));
-    // The daemon runs "/bin/start_ntpd.sh &": the script stays in the
-    // foreground of its own shell as the NTP daemon.
-    pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        ::execl("/bin/sh", "sh", "-c", (env() + "exec " + kScripts + "/start_ntpd.sh").c_str(), nullptr);
-        ::_exit(127);
-    }
-    std::thread reaper([child] { ::waitpid(child, nullptr, 0); });
-    auto deadline = std::chrono::steady_clock::now() + 5s;
-    while (pidFrom("/run/timesync/ntpd.pid") == 0 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(20ms);
-    }
-    EXPECT_EQ(pidFrom("/run/timesync/ntpd.pid"), child);
-    std::string conf = readFile("/run/timesync/ntpd.conf");
-    EXPECT_NE(conf.find("server 192.0.2.7 iburst"), std::string::npos) << conf;
-    EXPECT_NE(readFile(m_dir + "/ntpd.args").find("-c /var/run/timesync/ntpd.conf"), std::string::npos);
-
-    EXPECT_EQ(run(kScripts + "/stop_ntpd.sh"), 0);
-    reaper.join();
-    EXPECT_FALSE(std::ifstream("/run/timesync/ntpd.pid").good());
-    EXPECT_EQ(run(kScripts + "/stop_ntpd.sh"), 0) << "stopping a stopped daemon is no failure";
-}
-
-TEST_F(Scripts, NtpStartFailsWithoutItsFile)
-{
-    EXPECT_EQ(run(env() + kScripts + "/start_ntpd.sh 2>/dev/null"), 1);
 }
