@@ -134,7 +134,7 @@ std::string LiveView::render(const ElectionTracker& tracker, std::int64_t nowWal
             continue;
         }
         char row[256];
-        std::snprintf(row, sizeof row, "  %-14s %-15s %6s %4s %7s  %-12s  %s", "UUID", "ADDRESS", "MODULE", "TS",
+        std::snprintf(row, sizeof row, "  %-12s  %-15s %6s %4s %7s  %-12s  %s", "UUID", "ADDRESS", "MODULE", "TS",
                       "THRESH", "LAST ITEM", "STATE");
         lines.push_back(row);
         // Highest first under the election order, as the daemons rank them.
@@ -145,7 +145,7 @@ std::string LiveView::render(const ElectionTracker& tracker, std::int64_t nowWal
                          [](const auto& a, const auto& b) { return b.second->item < a.second->item; });
         for (const auto& entry : modules) {
             const ElectionTracker::ModuleView& module = *entry.second;
-            std::snprintf(row, sizeof row, "  %-14s %-15s %6u %4u %7s  %-12s  %s", labelUuid(entry.first).c_str(),
+            std::snprintf(row, sizeof row, "  %-12s  %-15s %6u %4u %7s  %-12s  %s", labelUuid(entry.first).c_str(),
                           escapeBytes(module.sender).c_str(), module.item.module, module.item.prio,
                           tenths(module.item.threshold).c_str(), clock(module.lastItemMs).c_str(),
                           moduleState(view, entry.first, module).c_str());
