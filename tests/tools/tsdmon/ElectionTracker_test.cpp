@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "MonitorTestUtil.h"
 #include "protocol/Telegram.h"
 
 using namespace tsdmon;
@@ -16,19 +17,8 @@ namespace telegram = orv::tsd::telegram;
 
 namespace {
 
-constexpr std::int64_t kWallBase = 1'800'000'000'000;
-
-Observation heard(std::int64_t ms, orv::tsd::interface_t side, const std::string& sender, const std::string& bytes)
-{
-    Observation observation;
-    observation.monotonicMs = ms;
-    observation.wallMs = kWallBase + ms;
-    observation.side = side;
-    observation.interfaceName = side == FRONT_FW ? "firewire1" : "firewire0";
-    observation.sender = sender;
-    observation.bytes = bytes;
-    return observation;
-}
+using tsdmontest::heard;
+using tsdmontest::kWallBase;
 
 std::string item(unsigned uuid, unsigned module, unsigned prio, unsigned threshold,
                  orv::tsd::interface_t side = REAR_FW)

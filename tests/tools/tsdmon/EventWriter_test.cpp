@@ -13,6 +13,7 @@
 #include <string>
 
 #include "ElectionTracker.h"
+#include "MonitorTestUtil.h"
 #include "protocol/Telegram.h"
 
 using namespace tsdmon;
@@ -26,12 +27,7 @@ constexpr std::int64_t kWall = 1'800'000'000'123;  // 2027-01-15 08:00:00.123 UT
 
 Json::Value parse(const std::string& text)
 {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value value;
-    std::string errors;
-    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors)) << errors << text;
-    return value;
+    return tsdmontest::parseJson(text);
 }
 
 bool printableOneLine(const std::string& text)
@@ -46,14 +42,7 @@ bool printableOneLine(const std::string& text)
 
 Observation heard(std::int64_t ms, orv::tsd::interface_t side, const std::string& sender, const std::string& bytes)
 {
-    Observation observation;
-    observation.monotonicMs = ms;
-    observation.wallMs = kWall + ms;
-    observation.side = side;
-    observation.interfaceName = side == FRONT_FW ? "firewire1" : "firewire0";
-    observation.sender = sender;
-    observation.bytes = bytes;
-    return observation;
+    return tsdmontest::heard(ms, side, sender, bytes, kWall);
 }
 
 class EventWriter : public ::testing::Test

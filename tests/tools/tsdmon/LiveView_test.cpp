@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "MonitorTestUtil.h"
 #include "protocol/Telegram.h"
 
 using namespace tsdmon;
@@ -19,7 +20,7 @@ namespace telegram = orv::tsd::telegram;
 
 namespace {
 
-constexpr std::int64_t kWall = 1'800'000'000'000;
+constexpr std::int64_t kWall = tsdmontest::kWallBase;
 
 std::vector<std::string> linesOf(const std::string& screen)
 {
@@ -64,14 +65,7 @@ struct Fixture
 
     void hear(std::int64_t ms, const std::string& sender, const std::string& bytes)
     {
-        Observation observation;
-        observation.monotonicMs = ms;
-        observation.wallMs = kWall + ms;
-        observation.side = REAR_FW;
-        observation.interfaceName = "firewire0";
-        observation.sender = sender;
-        observation.bytes = bytes;
-        for (const MonitorEvent& event : tracker.observe(observation))
+        for (const MonitorEvent& event : tracker.observe(tsdmontest::heard(ms, REAR_FW, sender, bytes)))
             view.record(event);
     }
     void expire(std::int64_t ms)

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "MonitorTestUtil.h"
 #include "tsdsim/ChildProcess.h"
 #include "tsdsim/World.h"
 
@@ -68,7 +69,7 @@ public:
                 return false;
             m_buffer.append(chunk, static_cast<std::size_t>(n));
             for (std::string::size_type end; (end = m_buffer.find('\n')) != std::string::npos;) {
-                m_seen.push_back(parse(m_buffer.substr(0, end)));
+                m_seen.push_back(tsdmontest::parseJson(m_buffer.substr(0, end)));
                 m_buffer.erase(0, end + 1);
             }
         }
@@ -81,16 +82,6 @@ private:
     std::string m_buffer;
     std::vector<Json::Value> m_seen;
     std::size_t m_checked = 0;
-
-    static Json::Value parse(const std::string& line)
-    {
-        Json::CharReaderBuilder builder;
-        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        Json::Value value;
-        std::string errors;
-        EXPECT_TRUE(reader->parse(line.data(), line.data() + line.size(), &value, &errors)) << line;
-        return value;
-    }
 };
 
 tsdsim::ModuleSetup setup(const std::string& name, std::uint32_t uuid, const std::string& timesource,

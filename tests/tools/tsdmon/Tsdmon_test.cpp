@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "MonitorTestUtil.h"
 #include "platform/Sandbox.h"
 #include "protocol/ModuleItem.h"
 #include "protocol/Telegram.h"
@@ -33,15 +34,7 @@ namespace {
 
 const std::string kTsdmon = testsupport::binDir() + "/tsdmon";
 
-Json::Value parse(const std::string& text)
-{
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value value;
-    std::string errors;
-    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors)) << errors << text;
-    return value;
-}
+using tsdmontest::parseJson;
 
 // Reads JSON events until one matches; every event read is kept.
 bool readUntil(ChildProcess& monitor, std::vector<Json::Value>& seen,
@@ -53,7 +46,7 @@ bool readUntil(ChildProcess& monitor, std::vector<Json::Value>& seen,
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (!monitor.readLine(line, left))
             return false;
-        seen.push_back(parse(line));
+        seen.push_back(parseJson(line));
         if (match(seen.back()))
             return true;
     }
