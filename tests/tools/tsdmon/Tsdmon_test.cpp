@@ -333,3 +333,10 @@ TEST(Tsdmon, HelpVersionAndWrongOptions)
     EXPECT_EQ(unicast.wait(), 1);
     EXPECT_NE(unicast.readAllStderr().find("cannot listen on group 10.1.2.3 port 14000"), std::string::npos);
 }
+
+TEST(Tsdmon, ManPageRendersWithoutWarnings)
+{
+    ChildProcess groff({"/usr/bin/groff", "-man", "-ww", "-z", std::string(TSD_SOURCE_DIR) + "/man/tsdmon.1"});
+    EXPECT_EQ(groff.readAllStderr(), "");
+    EXPECT_EQ(groff.wait(), 0);
+}
