@@ -18,9 +18,9 @@ Json::Value node(const std::string& guid, unsigned model = 1)
     return value;
 }
 
-const std::string kA = "reachableDevices/firewire0/000A7C3100000001";
-const std::string kB = "reachableDevices/firewire0/000A7C3100000002";
-const std::string kC = "reachableDevices/firewire1/000A7C3100000003";
+const std::string kA = "reachableDevices/firewire0/00000A7C31000001";
+const std::string kB = "reachableDevices/firewire0/00000A7C31000002";
+const std::string kC = "reachableDevices/firewire1/00000A7C31000003";
 
 std::vector<std::string> pathsOf(const std::vector<std::pair<std::string, Json::Value>>& list)
 {

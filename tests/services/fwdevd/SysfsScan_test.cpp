@@ -20,40 +20,11 @@ using servicetest::FakeSysfs;
 
 namespace {
 
-const std::string kCardA = "pci0000:00/0000:00:1c.0/0000:05:00.0";
-const std::string kCardB = "pci0000:00/0000:00:1c.1/0000:06:00.0";
-const std::string kCardC = "pci0000:00/0000:00:1c.2/0000:07:00.0";
+using namespace servicetest::twocards;
 
-constexpr std::uint64_t kLocalA = 0x000a7c3100000a01;
-constexpr std::uint64_t kLocalB = 0x000a7c3100000a02;
-constexpr std::uint64_t kRemoteOwn = 0x000a7c3100000b02;
-constexpr std::uint64_t kRemoteForeign = 0x0011220000334455;
-constexpr std::uint64_t kRemoteB = 0x000a7c3100000c03;
-
-const std::string kPathOwn = "reachableDevices/firewire0/000A7C3100000B02";
-const std::string kPathForeign = "reachableDevices/firewire0/0011220000334455";
-const std::string kPathB = "reachableDevices/firewire1/000A7C3100000C03";
-
-// Card A: its own node fw0 on firewire0, a module fw1 and a foreign camera
-// fw2 (with a unit fw2.0). Card B: its own node fw3 on firewire1 and a module
-// fw4. An Ethernet interface beside them.
 void twoCards(FakeSysfs& tree)
 {
-    tree.addNode(kCardA, "fw0", kLocalA, true);
-    tree.addNode(kCardA, "fw1", kRemoteOwn, false);
-    tree.addNode(kCardA, "fw2",
-                 {{"guid", servicetest::guidAttribute(kRemoteForeign)},
-                  {"is_local", "0"},
-                  {"vendor", "0x001122"},
-                  {"model", "0x000042"},
-                  {"vendor_name", "Camera Maker"},
-                  {"model_name", "Cam 1"}});
-    tree.addNode(kCardA + "/fw2", "fw2.0", {{"rom_index", "7"}});
-    tree.addNode(kCardB, "fw3", kLocalB, true);
-    tree.addNode(kCardB, "fw4", kRemoteB, false);
-    tree.addInterface(kCardA, "firewire0", kLocalA);
-    tree.addInterface(kCardB, "firewire1", kLocalB);
-    tree.addInterface("pci0000:00/0000:00:19.0", "eth0", "1", "52:54:00:12:34:56");
+    build(tree);
 }
 
 struct Case
@@ -85,8 +56,8 @@ const std::vector<Case>& cases()
          }, true, {kPathForeign, kPathB}, {"fw1: guid '0xzz' is not a 64-bit hex number; skipped"}},
         {"a guid longer than 64 bits", [](FakeSysfs& t) {
              twoCards(t);
-             t.writeNodeFile("fw1", "guid", "0x1000a7c3100000b02\n");
-         }, true, {kPathForeign, kPathB}, {"fw1: guid '0x1000a7c3100000b02' is not a 64-bit hex number"}},
+             t.writeNodeFile("fw1", "guid", "0x100000a7c31000b02\n");
+         }, true, {kPathForeign, kPathB}, {"fw1: guid '0x100000a7c31000b02' is not a 64-bit hex number"}},
         {"an empty guid", [](FakeSysfs& t) {
              twoCards(t);
              t.writeNodeFile("fw1", "guid", "");
@@ -97,7 +68,7 @@ const std::vector<Case>& cases()
          }, true, {kPathForeign, kPathB}, {"fw1: guid '0x00\\x01\\x1b[2J' is not"}},
         {"a guid of the kernel's form without the 0x", [](FakeSysfs& t) {
              twoCards(t);
-             t.writeNodeFile("fw1", "guid", "000a7c3100000b02\n");
+             t.writeNodeFile("fw1", "guid", "00000a7c31000b02\n");
          }, true, {kPathOwn, kPathForeign, kPathB}, {}},
         {"no guid file", [](FakeSysfs& t) {
              twoCards(t);
@@ -133,34 +104,34 @@ const std::vector<Case>& cases()
              twoCards(t);
              t.removeInterface("firewire1");
          }, true, {kPathOwn, kPathForeign},
-         {"card 'devices/" + kCardB + "': no FireWire interface shows its node id 000A7C3100000A02 (fw3); "
+         {"card 'devices/" + kCardB + "': no FireWire interface shows its node id 00000A7C31000A02 (fw3); "
           "1 remote node skipped"}},
         {"a matching address on an interface that is not FireWire", [](FakeSysfs& t) {
              twoCards(t);
              t.removeInterface("firewire1");
              t.addInterface(kCardB, "firewire1", "1", servicetest::firewireAddress(kLocalB));
-         }, true, {kPathOwn, kPathForeign}, {"no FireWire interface shows its node id 000A7C3100000A02"}},
+         }, true, {kPathOwn, kPathForeign}, {"no FireWire interface shows its node id 00000A7C31000A02"}},
         {"an interface whose type is not a number", [](FakeSysfs& t) {
              twoCards(t);
              t.removeInterface("firewire1");
              t.addInterface(kCardB, "firewire1", "24x", servicetest::firewireAddress(kLocalB));
-         }, true, {kPathOwn, kPathForeign}, {"no FireWire interface shows its node id 000A7C3100000A02"}},
+         }, true, {kPathOwn, kPathForeign}, {"no FireWire interface shows its node id 00000A7C31000A02"}},
         {"an interface address shorter than a node id", [](FakeSysfs& t) {
              twoCards(t);
              t.removeInterface("firewire1");
              t.addInterface(kCardB, "firewire1", "24", "00:0a:7c:31:00");
          }, true, {kPathOwn, kPathForeign},
          {"interface firewire1: address '00:0a:7c:31:00' holds no node id; skipped",
-          "no FireWire interface shows its node id 000A7C3100000A02"}},
+          "no FireWire interface shows its node id 00000A7C31000A02"}},
         {"an interface without address", [](FakeSysfs& t) {
              twoCards(t);
              std::filesystem::remove(t.root() + "/class/net/firewire1/address");
-         }, true, {kPathOwn, kPathForeign}, {"no FireWire interface shows its node id 000A7C3100000A02"}},
+         }, true, {kPathOwn, kPathForeign}, {"no FireWire interface shows its node id 00000A7C31000A02"}},
         {"two interfaces with one node id: the first name wins", [](FakeSysfs& t) {
              twoCards(t);
              t.addInterface(kCardB, "firewire9", kLocalB);
          }, true, {kPathOwn, kPathForeign, kPathB},
-         {"interface firewire9: node id 000A7C3100000A02 is shown by firewire1 already; skipped"}},
+         {"interface firewire9: node id 00000A7C31000A02 is shown by firewire1 already; skipped"}},
         {"an interface name that cannot be a bus path", [](FakeSysfs& t) {
              twoCards(t);
              t.removeInterface("firewire1");
@@ -174,17 +145,17 @@ const std::vector<Case>& cases()
          {"card 'devices/" + kCardB + "': no local node; 1 remote node skipped"}},
         {"a card with two local nodes", [](FakeSysfs& t) {
              twoCards(t);
-             t.addNode(kCardB, "fw5", 0x000a7c3100000a05, true);
+             t.addNode(kCardB, "fw5", 0x00000a7c31000a05, true);
          }, true, {kPathOwn, kPathForeign}, {"more than one local node; 1 remote node skipped"}},
         {"two nodes of one card with the same guid: the lower number wins", [](FakeSysfs& t) {
              twoCards(t);
              t.addNode(kCardA, "fw12", kRemoteOwn, false);
          }, true, {kPathOwn, kPathForeign, kPathB},
-         {"fw12: guid 000A7C3100000B02 is shown by fw1 already; skipped"}},
+         {"fw12: guid 00000A7C31000B02 is shown by fw1 already; skipped"}},
         {"one guid seen on both cards is published on both interfaces", [](FakeSysfs& t) {
              twoCards(t);
              t.addNode(kCardB, "fw5", kRemoteOwn, false);
-         }, true, {kPathOwn, kPathForeign, kPathB, "reachableDevices/firewire1/000A7C3100000B02"}, {}},
+         }, true, {kPathOwn, kPathForeign, kPathB, "reachableDevices/firewire1/00000A7C31000B02"}, {}},
         {"a remote node showing its card's own guid", [](FakeSysfs& t) {
              twoCards(t);
              t.addNode(kCardB, "fw5", kLocalB, false);
@@ -289,7 +260,7 @@ TEST_F(SysfsScan, ValueTellsWhatSysfsSaysAboutTheNode)
     ASSERT_TRUE(scan.complete);
 
     const Json::Value& own = scan.devices.at(kPathOwn);
-    EXPECT_EQ(own["guid"].asString(), "000A7C3100000B02");
+    EXPECT_EQ(own["guid"].asString(), "00000A7C31000B02");
     EXPECT_EQ(own["vendor"].asUInt(), 0x000a7cu);
     EXPECT_EQ(own["model"].asUInt(), 1u);
     EXPECT_EQ(own["model_name"].asString(), "Module \\x07\\xff name");
