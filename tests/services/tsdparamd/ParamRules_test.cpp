@@ -181,3 +181,18 @@ TEST_F(Rules, WithoutTimeSourcesEveryTimeSourceIsRefused)
               std::string::npos)
         << refusal;
 }
+
+TEST_F(Rules, ShippedParametersPassWithTheShippedConfiguration)
+{
+    pugi::xml_document document;
+    ASSERT_TRUE(document.load_file((std::string(TSD_SOURCE_DIR) + "/packaging/config/TimeSourceDaemonConfig.xml").c_str()));
+    const ParamRules rules(ParamRules::timeSourcesOf(orv::tsd::ConfigDocument::read(document)), m_list);
+    EXPECT_EQ(rules.timeSources(), (std::vector<std::string>{"Ntp", "Ptp"}));
+    Json::Value shipped;
+    std::string why;
+    ASSERT_EQ(orv::services::readParamFile(std::string(TSD_SOURCE_DIR) + "/packaging/config/param.json", shipped, why),
+              orv::services::ParamFileStatus::Read)
+        << why;
+    EXPECT_EQ(rules.check(shipped), "");
+    EXPECT_EQ(rules.check(orv::services::builtinParams()), "");
+}
