@@ -23,8 +23,6 @@
 #include "SysfsScan.h"
 
 #include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -37,6 +35,7 @@
 #include <orv/communication/Netadapter.h>
 
 #include "Printable.h"
+#include "SmallFile.h"
 
 namespace orv::services {
 namespace {
@@ -51,39 +50,11 @@ const char kPathPrefix[] = "reachableDevices/";
 // The attribute's text without its line end: 0, or a negative errno.
 int readAttribute(const std::string& path, std::string& text)
 {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    if (fd < 0) {
-        return -errno;
-    }
-    char buffer[kMaxAttributeBytes + 1];
-    std::size_t used = 0;
-    int rc = 0;
-    while (used < sizeof buffer) {
-        const ssize_t n = ::read(fd, buffer + used, sizeof buffer - used);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0) {
-            rc = -errno;
-            break;
-        }
-        if (n == 0) {
-            break;
-        }
-        used += static_cast<std::size_t>(n);
-    }
-    ::close(fd);
-    if (rc < 0) {
-        return rc;
-    }
-    if (used > kMaxAttributeBytes) {
-        return -EFBIG;
-    }
-    text.assign(buffer, used);
-    if (!text.empty() && text.back() == '\n') {
+    const int rc = readSmallFile(path, kMaxAttributeBytes, text);
+    if (rc == 0 && !text.empty() && text.back() == '\n') {
         text.pop_back();
     }
-    return 0;
+    return rc;
 }
 
 // Entry names of a directory, sorted; 0 or a negative errno.

@@ -1,12 +1,10 @@
 #include "ParamFile.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 
 #include "JsonText.h"
+#include "SmallFile.h"
 
 namespace orv::services {
 
@@ -34,29 +32,17 @@ Json::Value mergeParams(const Json::Value& base, const Json::Value& request)
 
 ParamFileStatus readParamFile(const std::string& path, Json::Value& value, std::string& reason)
 {
-    // O_NONBLOCK: a pipe put in the file's place must not hang the start.
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    if (fd < 0) {
-        if (errno == ENOENT) {
-            return ParamFileStatus::Missing;
-        }
-        reason = std::strerror(errno);
-        return ParamFileStatus::Bad;
-    }
     std::string text;
-    char buffer[4096];
-    ssize_t n = 0;
-    while ((n = ::read(fd, buffer, sizeof buffer)) > 0 && text.size() <= kMaxParamFileBytes) {
-        text.append(buffer, static_cast<std::size_t>(n));
+    const int rc = readSmallFile(path, kMaxParamFileBytes, text);
+    if (rc == -ENOENT) {
+        return ParamFileStatus::Missing;
     }
-    const int readError = n < 0 ? errno : 0;
-    ::close(fd);
-    if (readError != 0) {
-        reason = std::strerror(readError);
+    if (rc == -EFBIG) {
+        reason = "larger than " + std::to_string(kMaxParamFileBytes) + " bytes";
         return ParamFileStatus::Bad;
     }
-    if (text.size() > kMaxParamFileBytes) {
-        reason = "larger than " + std::to_string(kMaxParamFileBytes) + " bytes";
+    if (rc < 0) {
+        reason = std::strerror(-rc);
         return ParamFileStatus::Bad;
     }
     std::string error;

@@ -1,14 +1,12 @@
 #include "Ptp4lAllowList.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <vector>
 
 #include "Printable.h"
+#include "SmallFile.h"
 
 namespace orv::services {
 namespace {
@@ -165,25 +163,14 @@ bool Ptp4lAllowList::load(const std::string& path, std::string& error)
 {
     m_options.clear();
     m_usable = false;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) {
-        error = printable(path) + ": " + std::strerror(errno);
-        return false;
-    }
     std::string text;
-    char buffer[4096];
-    ssize_t n = 0;
-    while ((n = ::read(fd, buffer, sizeof buffer)) > 0 && text.size() <= kMaxFileBytes) {
-        text.append(buffer, static_cast<std::size_t>(n));
-    }
-    const int readError = n < 0 ? errno : 0;
-    ::close(fd);
-    if (readError != 0) {
-        error = printable(path) + ": " + std::strerror(readError);
+    const int rc = readSmallFile(path, kMaxFileBytes, text);
+    if (rc == -EFBIG) {
+        error = printable(path) + ": larger than " + std::to_string(kMaxFileBytes) + " bytes";
         return false;
     }
-    if (text.size() > kMaxFileBytes) {
-        error = printable(path) + ": larger than " + std::to_string(kMaxFileBytes) + " bytes";
+    if (rc < 0) {
+        error = printable(path) + ": " + std::strerror(-rc);
         return false;
     }
     if (!parse(text, error)) {

@@ -291,6 +291,16 @@ TEST_F(Tsdparamd, ACorruptStateFileIsKeptAsideAndTheDefaultsAreUsed)
     }
 }
 
+TEST_F(Tsdparamd, AStateFileThatIsAPipeDoesNotHangTheStart)
+{
+    ASSERT_EQ(::mkfifo(m_state.c_str(), 0600), 0);
+    start();
+    EXPECT_EQ(compact(value()), kBuiltins);
+    struct stat st;
+    ASSERT_EQ(::lstat((m_state + ".bad").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISFIFO(st.st_mode));
+}
+
 TEST_F(Tsdparamd, SigtermRemovesTheStateAndExitsZero)
 {
     start();
