@@ -11,7 +11,7 @@
 
 #include <orv/sys/EventLoop.h>
 
-#include "FakeSysfs.h"
+#include "TwoCards.h"
 #include "Sandbox.h"
 #include "protocol/SideNetwork.h"
 #include "testsupport/BusWatcher.h"
@@ -23,7 +23,7 @@
 
 using namespace std::chrono_literals;
 using namespace servicetest::twocards;
-using servicetest::FakeSysfs;
+using orv::services::SysfsTree;
 using testsupport::BusWatcher;
 using testsupport::ChildProcess;
 using testsupport::LocalVelad;
@@ -69,7 +69,7 @@ TEST(FwdevdNamespace, AKernelEventRescansWithoutSighup)
         LocalVelad velad({"--quiet"});
         orv::sys::EventLoop loop;
         BusWatcher watcher(loop, velad.port(), "reachableDevices/");
-        FakeSysfs tree(treeRoot("uevent"));
+        SysfsTree tree(treeRoot("uevent"));
         build(tree);
         auto child = startFwdevd(tree.root(), velad.port());
         ASSERT_TRUE(runUntil(loop, [&] { return watcher.states().size() == 3; }, 5s));
@@ -104,7 +104,7 @@ TEST(FwdevdNamespace, TsdCountsAModulePublishedByFwdevd)
             ASSERT_TRUE(runUntil(net.loop, [&] { return watcher.has("sync/app"); }, 10s)) << capture.dump();
 
             constexpr std::uint64_t kOwnNode = 0x00000a7c31000000 | tsdtest::kOwnUuid;
-            FakeSysfs tree(treeRoot("tsd"));
+            SysfsTree tree(treeRoot("tsd"));
             tree.addNode(kCardA, "fw0", kOwnNode, true);
             tree.addInterface(kCardA, "firewire0", kOwnNode);
             tree.addNode(kCardA, "fw1", 0x00000a7c31abcdef, false);

@@ -15,7 +15,7 @@
 
 #include <orv/sys/EventLoop.h>
 
-#include "FakeSysfs.h"
+#include "TwoCards.h"
 #include "testsupport/BusWatcher.h"
 #include "testsupport/ChildProcess.h"
 #include "testsupport/LocalVelad.h"
@@ -25,7 +25,7 @@
 
 using namespace std::chrono_literals;
 using namespace servicetest::twocards;
-using servicetest::FakeSysfs;
+using orv::services::SysfsTree;
 using testsupport::BusWatcher;
 using testsupport::ChildProcess;
 using testsupport::LocalVelad;
@@ -90,7 +90,7 @@ protected:
     LocalVelad m_velad{{"--quiet"}};
     orv::sys::EventLoop m_loop;
     BusWatcher m_watcher{m_loop, m_velad.port(), "reachableDevices/"};
-    FakeSysfs m_tree{treeRoot("fwdevd-" +
+    SysfsTree m_tree{treeRoot("fwdevd-" +
                               std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()))};
     std::unique_ptr<ChildProcess> m_fwdevd;
 };
@@ -99,7 +99,7 @@ protected:
 
 TEST(FwdevdProgram, OncePrintsTheSortedPathsWithoutTheBus)
 {
-    FakeSysfs tree(treeRoot("once"));
+    SysfsTree tree(treeRoot("once"));
     build(tree);
     tree.addNode(kCardB, "fw9", {{"guid", "0xnothex"}, {"is_local", "0"}});
     ChildProcess once({fwdevd(), "--sysfs", tree.root(), "--once", "--port", "1"});
@@ -259,7 +259,7 @@ TEST(FwdevdProgram, ReadyOnceTheBrokerHasTheFirstPicture)
 {
     SyslogCapture capture;
     LocalVelad velad({"--quiet"});
-    FakeSysfs tree(treeRoot("ready"));
+    SysfsTree tree(treeRoot("ready"));
     build(tree);
 
     const std::string socketPath = PrivateMounts::scratchDir("ready-notify") + "/notify";

@@ -1,4 +1,4 @@
-#include "FakeSysfs.h"
+#include "SysfsTree.h"
 
 #include <cstdio>
 #include <filesystem>
@@ -6,7 +6,7 @@
 
 namespace fs = std::filesystem;
 
-namespace servicetest {
+namespace orv::services {
 namespace {
 
 void writeText(const fs::path& path, const std::string& content)
@@ -17,7 +17,7 @@ void writeText(const fs::path& path, const std::string& content)
 
 }  // namespace
 
-FakeSysfs::FakeSysfs(const std::string& root) : m_root(root)
+SysfsTree::FakeSysfs(const std::string& root) : m_root(root)
 {
     fs::remove_all(m_root);
     fs::create_directories(m_root + "/bus/firewire/devices");
@@ -25,7 +25,7 @@ FakeSysfs::FakeSysfs(const std::string& root) : m_root(root)
     fs::create_directories(m_root + "/devices");
 }
 
-void FakeSysfs::addNode(const std::string& card, const std::string& name, const Attributes& attributes)
+void SysfsTree::addNode(const std::string& card, const std::string& name, const Attributes& attributes)
 {
     const fs::path dir = m_root + "/devices/" + card + "/" + name;
     fs::create_directories(dir);
@@ -37,7 +37,7 @@ void FakeSysfs::addNode(const std::string& card, const std::string& name, const 
     m_nodeCards[name] = card;
 }
 
-void FakeSysfs::addNode(const std::string& card, const std::string& name, std::uint64_t guid, bool local,
+void SysfsTree::addNode(const std::string& card, const std::string& name, std::uint64_t guid, bool local,
                         std::uint32_t vendor, std::uint32_t model)
 {
     char vendorText[16];
@@ -51,7 +51,7 @@ void FakeSysfs::addNode(const std::string& card, const std::string& name, std::u
              {"model", modelText}});
 }
 
-void FakeSysfs::removeNode(const std::string& name)
+void SysfsTree::removeNode(const std::string& name)
 {
     fs::remove(m_root + "/bus/firewire/devices/" + name);
     const auto card = m_nodeCards.find(name);
@@ -61,17 +61,17 @@ void FakeSysfs::removeNode(const std::string& name)
     }
 }
 
-void FakeSysfs::writeNodeFile(const std::string& name, const std::string& file, const std::string& content)
+void SysfsTree::writeNodeFile(const std::string& name, const std::string& file, const std::string& content)
 {
     writeText(nodeDir(name) + "/" + file, content);
 }
 
-void FakeSysfs::addInterface(const std::string& card, const std::string& name, std::uint64_t nodeId)
+void SysfsTree::addInterface(const std::string& card, const std::string& name, std::uint64_t nodeId)
 {
     addInterface(card, name, "24", firewireAddress(nodeId));
 }
 
-void FakeSysfs::addInterface(const std::string& card, const std::string& name, const std::string& type,
+void SysfsTree::addInterface(const std::string& card, const std::string& name, const std::string& type,
                              const std::string& address)
 {
     const fs::path dir = m_root + "/devices/" + card + "/net/" + name;
@@ -83,7 +83,7 @@ void FakeSysfs::addInterface(const std::string& card, const std::string& name, c
     m_interfaceCards[name] = card;
 }
 
-void FakeSysfs::removeInterface(const std::string& name)
+void SysfsTree::removeInterface(const std::string& name)
 {
     fs::remove(m_root + "/class/net/" + name);
     const auto card = m_interfaceCards.find(name);
@@ -93,40 +93,11 @@ void FakeSysfs::removeInterface(const std::string& name)
     }
 }
 
-std::string FakeSysfs::nodeDir(const std::string& name) const
+std::string SysfsTree::nodeDir(const std::string& name) const
 {
     const auto card = m_nodeCards.find(name);
     return card == m_nodeCards.end() ? std::string() : m_root + "/devices/" + card->second + "/" + name;
 }
-
-namespace twocards {
-
-const std::string kCardA = "pci0000:00/0000:00:1c.0/0000:05:00.0";
-const std::string kCardB = "pci0000:00/0000:00:1c.1/0000:06:00.0";
-const std::string kPathOwn = "reachableDevices/firewire0/00000A7C31000B02";
-const std::string kPathForeign = "reachableDevices/firewire0/0011220000334455";
-const std::string kPathB = "reachableDevices/firewire1/00000A7C31000C03";
-
-void build(FakeSysfs& tree)
-{
-    tree.addNode(kCardA, "fw0", kLocalA, true);
-    tree.addNode(kCardA, "fw1", kRemoteOwn, false);
-    tree.addNode(kCardA, "fw2",
-                 {{"guid", guidAttribute(kRemoteForeign)},
-                  {"is_local", "0"},
-                  {"vendor", "0x001122"},
-                  {"model", "0x000042"},
-                  {"vendor_name", "Camera Maker"},
-                  {"model_name", "Cam 1"}});
-    tree.addNode(kCardA + "/fw2", "fw2.0", {{"rom_index", "7"}});
-    tree.addNode(kCardB, "fw3", kLocalB, true);
-    tree.addNode(kCardB, "fw4", kRemoteB, false);
-    tree.addInterface(kCardA, "firewire0", kLocalA);
-    tree.addInterface(kCardB, "firewire1", kLocalB);
-    tree.addInterface("pci0000:00/0000:00:19.0", "eth0", "1", "52:54:00:12:34:56");
-}
-
-}  // namespace twocards
 
 std::string firewireAddress(std::uint64_t nodeId)
 {
@@ -147,4 +118,4 @@ std::string guidAttribute(std::uint64_t guid)
     return text;
 }
 
-}  // namespace servicetest
+}  // namespace orv::services

@@ -4,23 +4,28 @@
 #include <map>
 #include <string>
 
-namespace servicetest {
+namespace orv::services {
 
-// A sysfs tree of the test's own, laid out as the kernel lays out FireWire
-// nodes and network interfaces (see the scan in services/fwdevd):
+// Writes a sysfs tree of FireWire nodes and network interfaces laid out as
+// the kernel lays them out (see SysfsScan.cpp), for fwdevd --sysfs: the
+// simulator keeps one per module in step with its cabling, tests and the
+// benchmark build theirs.
 //   devices/<card>/fwN/{guid,is_local,...}    one directory per node
 //   bus/firewire/devices/fwN                  relative link to the node's directory
 //   devices/<card>/net/NAME/{type,address}    the card's interface
 //   class/net/NAME                            relative link to it
-// so that resolving the links stays inside the tree. Files are written
-// whole; removals take the link and the directory.
-class FakeSysfs
+// so that resolving the links stays inside the tree. A node or interface
+// becomes visible to a scan running meanwhile only once its files are
+// written (the link comes last and goes first). Throws
+// std::filesystem::filesystem_error when the file system refuses.
+class SysfsTree
 {
 public:
     using Attributes = std::map<std::string, std::string>;
 
-    // Creates root with bus/firewire/devices, class/net and devices.
-    explicit FakeSysfs(const std::string& root);
+    // Creates root (emptied first) with bus/firewire/devices, class/net and
+    // devices.
+    explicit SysfsTree(const std::string& root);
 
     const std::string& root() const { return m_root; }
 
@@ -50,26 +55,6 @@ private:
     std::map<std::string, std::string> m_interfaceCards;
 };
 
-// The tree most tests start from. Card A: its own node fw0 on firewire0, a
-// module fw1 and a foreign camera fw2 (with a unit fw2.0). Card B: its own
-// node fw3 on firewire1 and a module fw4. An Ethernet interface beside them.
-namespace twocards {
-extern const std::string kCardA;
-extern const std::string kCardB;
-// A module's node id carries the maker's OUI in bits 24..47 and the
-// module's uuid below it, which is what tsd looks for.
-constexpr std::uint64_t kLocalA = 0x00000a7c31000a01;
-constexpr std::uint64_t kLocalB = 0x00000a7c31000a02;
-constexpr std::uint64_t kRemoteOwn = 0x00000a7c31000b02;      // fw1
-constexpr std::uint64_t kRemoteForeign = 0x0011220000334455;  // fw2
-constexpr std::uint64_t kRemoteB = 0x00000a7c31000c03;        // fw4
-extern const std::string kPathOwn;
-extern const std::string kPathForeign;
-extern const std::string kPathB;
-
-void build(FakeSysfs& tree);
-}  // namespace twocards
-
 // "00:0a:7c:31:..." as the IPv4-over-FireWire driver shows an address: the
 // 8 bytes of the node id, then 6 bytes of link parameters.
 std::string firewireAddress(std::uint64_t nodeId);
@@ -77,4 +62,4 @@ std::string firewireAddress(std::uint64_t nodeId);
 // The hex text the kernel writes for a guid: "0x" and 16 lower-case digits.
 std::string guidAttribute(std::uint64_t guid);
 
-}  // namespace servicetest
+}  // namespace orv::services
