@@ -17,7 +17,7 @@ void writeText(const fs::path& path, const std::string& content)
 
 }  // namespace
 
-SysfsTree::FakeSysfs(const std::string& root) : m_root(root)
+SysfsTree::SysfsTree(const std::string& root) : m_root(root)
 {
     fs::remove_all(m_root);
     fs::create_directories(m_root + "/bus/firewire/devices");
