@@ -6,15 +6,15 @@
 // tap devices it creates to cause real kernel events touch nothing else;
 // without root only the SIGHUP path and the scan are measured.
 //   services_fwdevd_bench [--rounds N]
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <linux/if_tun.h>
 #include <net/if.h>
 #include <netinet/in.h>
-#include <arpa/inet.h>
-#include <sys/socket.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -128,7 +128,8 @@ struct Seen
 std::string pathOf(std::uint64_t guid)
 {
     char text[64];
-    std::snprintf(text, sizeof text, "reachableDevices/firewire0/%016llX", static_cast<unsigned long long>(guid));
+    std::snprintf(text, sizeof text, "reachableDevices/firewire0/%016llX",
+                  static_cast<unsigned long long>(guid));
     return text;
 }
 
@@ -144,10 +145,13 @@ struct Figures
         }
         std::vector<double> sorted = ms;
         std::sort(sorted.begin(), sorted.end());
-        const auto at = [&](double q) { return sorted[static_cast<std::size_t>(q * double(sorted.size() - 1))]; };
+        const auto at = [&](double q) {
+            return sorted[static_cast<std::size_t>(q * double(sorted.size() - 1))];
+        };
         std::printf("%-44s n=%-4zu median %6.2f ms  p90 %6.2f ms  max %6.2f ms  over 100 ms: %zu\n", what,
                     sorted.size(), at(0.5), at(0.9), sorted.back(),
-                    static_cast<std::size_t>(std::count_if(sorted.begin(), sorted.end(), [](double v) { return v > 100; })));
+                    static_cast<std::size_t>(
+                        std::count_if(sorted.begin(), sorted.end(), [](double v) { return v > 100; })));
     }
 };
 
@@ -184,7 +188,8 @@ int main(int argc, char** argv)
     }
     const bool root = ::geteuid() == 0;
     if (root && (::unshare(CLONE_NEWNET) != 0 || std::system("ip link set lo up") != 0)) {
-        std::fprintf(stderr, "services_fwdevd_bench: cannot make a network namespace: %s\n", std::strerror(errno));
+        std::fprintf(stderr, "services_fwdevd_bench: cannot make a network namespace: %s\n",
+                     std::strerror(errno));
         return 1;
     }
 
@@ -212,15 +217,18 @@ int main(int argc, char** argv)
         peer.addFetchAsync(
             matcher,
             [&](const Json::Value& n, int) {
-                (n["event"].asString() == "remove" ? seen.removed : seen.added)[n["path"].asString()] = Clock::now();
+                (n["event"].asString() == "remove" ? seen.removed : seen.added)[n["path"].asString()] =
+                    Clock::now();
             },
             [&](const Json::Value&) { fetched = true; });
-        if (!runUntil(loop, [&] { return fetched; }, 5s)) {
+        if (!runUntil(
+                loop, [&] { return fetched; }, 5s)) {
             std::fprintf(stderr, "services_fwdevd_bench: the broker did not answer on port %u\n", port);
             return 1;
         }
         // Until fwdevd has connected and published its first (empty) picture.
-        runUntil(loop, [] { return false; }, 500ms);
+        runUntil(
+            loop, [] { return false; }, 500ms);
 
         Figures hupAdd, hupRemove, eventAdd, eventRemove;
         for (int i = 0; i < rounds; ++i) {
@@ -229,13 +237,15 @@ int main(int argc, char** argv)
             tree.addNode(kCard, "fw1", guid, false);
             auto start = Clock::now();
             ::kill(fwdevd.pid(), SIGHUP);
-            if (runUntil(loop, [&] { return seen.added.count(path) != 0; }, 2s)) {
+            if (runUntil(
+                    loop, [&] { return seen.added.count(path) != 0; }, 2s)) {
                 hupAdd.ms.push_back(since(start, seen.added[path]));
             }
             tree.removeNode("fw1");
             start = Clock::now();
             ::kill(fwdevd.pid(), SIGHUP);
-            if (runUntil(loop, [&] { return seen.removed.count(path) != 0; }, 2s)) {
+            if (runUntil(
+                    loop, [&] { return seen.removed.count(path) != 0; }, 2s)) {
                 hupRemove.ms.push_back(since(start, seen.removed[path]));
             }
         }
@@ -249,13 +259,15 @@ int main(int argc, char** argv)
                 std::fprintf(stderr, "services_fwdevd_bench: no tap device: %s\n", std::strerror(errno));
                 break;
             }
-            if (runUntil(loop, [&] { return seen.added.count(path) != 0; }, 2s)) {
+            if (runUntil(
+                    loop, [&] { return seen.added.count(path) != 0; }, 2s)) {
                 eventAdd.ms.push_back(since(start, seen.added[path]));
             }
             tree.removeNode("fw1");
             start = Clock::now();
             ::close(tap);
-            if (runUntil(loop, [&] { return seen.removed.count(path) != 0; }, 2s)) {
+            if (runUntil(
+                    loop, [&] { return seen.removed.count(path) != 0; }, 2s)) {
                 eventRemove.ms.push_back(since(start, seen.removed[path]));
             }
         }
@@ -284,7 +296,8 @@ int main(int argc, char** argv)
             big.addNode(device, "fw" + std::to_string(card * 100), own, true);
             big.addInterface(device, "firewire" + std::to_string(card), own);
             for (int n = 1; n < 63; ++n) {
-                big.addNode(device, "fw" + std::to_string(card * 100 + n), own + static_cast<std::uint64_t>(n), false);
+                big.addNode(device, "fw" + std::to_string(card * 100 + n),
+                            own + static_cast<std::uint64_t>(n), false);
             }
         }
         const int scans = 200;

@@ -343,8 +343,8 @@ private:
             }
             const auto known = m_interfaceByNodeId.find(nodeId);
             if (known != m_interfaceByNodeId.end()) {
-                problem("interface " + name + ": node id " + guidText(nodeId) + " is shown by " + known->second +
-                        " already; skipped");
+                problem("interface " + name + ": node id " + guidText(nodeId) + " is shown by " +
+                        known->second + " already; skipped");
                 continue;
             }
             m_interfaceByNodeId.emplace(nodeId, name);
@@ -392,13 +392,15 @@ private:
                 }
                 const std::string guid = guidText(node->guid);
                 if (node->guid == local.guid) {
-                    problem(node->name + ": shows the guid of its own card's node " + local.name + "; skipped");
+                    problem(node->name + ": shows the guid of its own card's node " + local.name +
+                            "; skipped");
                     continue;
                 }
                 const std::string path = kPathPrefix + iface->second + "/" + guid;
                 const auto [seen, fresh] = seenBy.emplace(path, node->name);
                 if (!fresh) {
-                    problem(node->name + ": guid " + guid + " is shown by " + seen->second + " already; skipped");
+                    problem(node->name + ": guid " + guid + " is shown by " + seen->second +
+                            " already; skipped");
                     continue;
                 }
                 m_result.devices.emplace(path, node->value);

@@ -66,13 +66,17 @@ int main(int argc, char** argv)
     bool once = false;
     bool debug = false;
 
-    enum { kSysfs = 256, kPort, kOnce, kVersion };
-    static const option kOptions[] = {{"sysfs", required_argument, nullptr, kSysfs},
-                                      {"port", required_argument, nullptr, kPort},
-                                      {"once", no_argument, nullptr, kOnce},
-                                      {"help", no_argument, nullptr, 'h'},
-                                      {"version", no_argument, nullptr, kVersion},
-                                      {nullptr, 0, nullptr, 0}};
+    enum
+    {
+        kSysfs = 256,
+        kPort,
+        kOnce,
+        kVersion
+    };
+    static const option kOptions[] = {
+        {"sysfs", required_argument, nullptr, kSysfs}, {"port", required_argument, nullptr, kPort},
+        {"once", no_argument, nullptr, kOnce},         {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, kVersion},   {nullptr, 0, nullptr, 0}};
     int c = 0;
     while ((c = getopt_long(argc, argv, "dh", kOptions, nullptr)) != -1) {
         switch (c) {

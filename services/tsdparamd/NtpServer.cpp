@@ -31,7 +31,8 @@ bool isNtpServer(std::string_view text)
 {
     if (text.find(':') != std::string_view::npos) {
         return text.size() >= 2 && text.size() <= kMaxIpv6Literal &&
-               std::all_of(text.begin(), text.end(), [](char c) { return isHexDigit(c) || c == ':' || c == '.'; });
+               std::all_of(text.begin(), text.end(),
+                           [](char c) { return isHexDigit(c) || c == ':' || c == '.'; });
     }
     if (text.empty() || text.size() > kMaxHostName) {
         return false;

@@ -77,8 +77,10 @@ Json::Value ParamKeeper::startingValue()
             syslog(LOG_ERR, "state file %s holds no valid value (%s); kept as %s, defaults used",
                    printable(m_files.state).c_str(), why.c_str(), printable(aside).c_str());
         } else {
-            syslog(LOG_ERR, "state file %s holds no valid value (%s) and cannot be moved to %s: %s; defaults used",
-                   printable(m_files.state).c_str(), why.c_str(), printable(aside).c_str(), std::strerror(errno));
+            syslog(LOG_ERR,
+                   "state file %s holds no valid value (%s) and cannot be moved to %s: %s; defaults used",
+                   printable(m_files.state).c_str(), why.c_str(), printable(aside).c_str(),
+                   std::strerror(errno));
         }
     }
 
@@ -106,8 +108,8 @@ Json::Value ParamKeeper::startingValue()
 
 Json::Value ParamKeeper::cbSet(const Json::Value& request)
 {
-    const std::string fault = request.isObject() ? m_rules.check(mergeParams(m_value, request))
-                                                 : m_rules.check(request);
+    const std::string fault =
+        request.isObject() ? m_rules.check(mergeParams(m_value, request)) : m_rules.check(request);
     if (!fault.empty()) {
         logRefusal(fault);
         throw vela::SetRefused(fault);
@@ -122,12 +124,13 @@ Json::Value ParamKeeper::cbSet(const Json::Value& request)
     if (!written.replaced) {
         syslog(LOG_ERR, "cannot store sync/param in %s (%s: %s); the value stays as it was",
                printable(m_files.state).c_str(), written.step.c_str(), std::strerror(written.error));
-        throw std::runtime_error("cannot store the value (" + written.step + ": " + std::strerror(written.error) +
-                                 ")");
+        throw std::runtime_error("cannot store the value (" + written.step + ": " +
+                                 std::strerror(written.error) + ")");
     }
     if (written.error != 0) {
         // The file holds the new value already, so the bus follows it.
-        syslog(LOG_ERR, "sync/param stored in %s, but the %s failed (%s); a power cut may bring back the old value",
+        syslog(LOG_ERR,
+               "sync/param stored in %s, but the %s failed (%s); a power cut may bring back the old value",
                printable(m_files.state).c_str(), written.step.c_str(), std::strerror(written.error));
     }
     m_value = merged;

@@ -57,7 +57,8 @@ std::string ParamRules::check(const Json::Value& value) const
     std::vector<std::string> faults;
     for (const std::string& key : value.getMemberNames()) {
         if (std::find(std::begin(kKeys), std::end(kKeys), key) == std::end(kKeys)) {
-            faults.push_back(shown(key) + ": not a key of sync/param (timesource, threshold, ntpserver, ptp4l)");
+            faults.push_back(shown(key) +
+                             ": not a key of sync/param (timesource, threshold, ntpserver, ptp4l)");
         }
     }
     for (const char* key : kKeys) {

@@ -92,7 +92,8 @@ bool isOptionName(std::string_view name)
         return isLetter(name[1]) || isDigit(name[1]);
     }
     return name.size() > 2 && name.compare(0, 2, "--") == 0 && isLetter(name[2]) &&
-           std::all_of(name.begin() + 2, name.end(), [](char c) { return isLetter(c) || isDigit(c) || c == '_'; });
+           std::all_of(name.begin() + 2, name.end(),
+                       [](char c) { return isLetter(c) || isDigit(c) || c == '_'; });
 }
 
 std::vector<std::string_view> splitBlanks(std::string_view text)
@@ -226,7 +227,8 @@ std::string Ptp4lAllowList::check(std::string_view value) const
     // Control bytes and anything beyond ASCII refuse the value whole: a line
     // end would start a second line in ptp4l's option file. The refusal names
     // the run of such bytes.
-    const auto bad = std::find_if(value.begin(), value.end(), [](char c) { return !isPrintable(c) && c != '\t'; });
+    const auto bad =
+        std::find_if(value.begin(), value.end(), [](char c) { return !isPrintable(c) && c != '\t'; });
     if (bad != value.end()) {
         const auto endOfRun =
             std::find_if(bad, value.end(), [](char c) { return isPrintable(c) || c == '\t'; });

@@ -69,7 +69,15 @@ void usage(std::FILE* out)
 // 0 to go on, otherwise the exit status.
 int parseOptions(int argc, char** argv, Options& options, bool& done)
 {
-    enum { kState = 256, kDefaults, kConfig, kPtp4l, kPort, kVersion };
+    enum
+    {
+        kState = 256,
+        kDefaults,
+        kConfig,
+        kPtp4l,
+        kPort,
+        kVersion
+    };
     static const option kOptions[] = {{"state-file", required_argument, nullptr, kState},
                                       {"defaults", required_argument, nullptr, kDefaults},
                                       {"config", required_argument, nullptr, kConfig},

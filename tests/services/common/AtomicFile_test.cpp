@@ -166,9 +166,14 @@ protected:
 
 TEST_F(AtomicFile, WritesSyncsRenamesThenSyncsTheDirectory)
 {
-    const std::vector<std::string> expected = {"open param.json.tmp", "write", "fsync", "close", "rename",
+    const std::vector<std::string> expected = {"open param.json.tmp",
+                                               "write",
+                                               "fsync",
+                                               "close",
+                                               "rename",
                                                "open " + std::filesystem::path(m_dir).filename().string(),
-                                               "fsync", "close"};
+                                               "fsync",
+                                               "close"};
     EXPECT_EQ(steps(), expected);
     EXPECT_EQ(readFile(m_path), m_new);
     EXPECT_FALSE(exists(m_path + ".tmp"));

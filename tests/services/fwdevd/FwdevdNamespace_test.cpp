@@ -11,8 +11,8 @@
 
 #include <orv/sys/EventLoop.h>
 
-#include "TwoCards.h"
 #include "Sandbox.h"
+#include "TwoCards.h"
 #include "protocol/SideNetwork.h"
 #include "testsupport/BusWatcher.h"
 #include "testsupport/ChildProcess.h"
@@ -72,18 +72,21 @@ TEST(FwdevdNamespace, AKernelEventRescansWithoutSighup)
         SysfsTree tree(treeRoot("uevent"));
         build(tree);
         auto child = startFwdevd(tree.root(), velad.port());
-        ASSERT_TRUE(runUntil(loop, [&] { return watcher.states().size() == 3; }, 5s));
+        ASSERT_TRUE(runUntil(
+            loop, [&] { return watcher.states().size() == 3; }, 5s));
 
         tree.addNode(kCardA, "fw5", kNewNode, false);
         runFor(loop, 300ms);
         EXPECT_FALSE(watcher.has(kNewPath)) << "fwdevd rescanned without any event";
 
         ASSERT_TRUE(orvtest::run("ip link add fwdevtest0 type veth peer name fwdevtest1"));
-        EXPECT_TRUE(runUntil(loop, [&] { return watcher.has(kNewPath); }, 5s));
+        EXPECT_TRUE(runUntil(
+            loop, [&] { return watcher.has(kNewPath); }, 5s));
 
         tree.removeNode("fw5");
         ASSERT_TRUE(orvtest::run("ip link del fwdevtest0"));
-        EXPECT_TRUE(runUntil(loop, [&] { return !watcher.has(kNewPath); }, 5s));
+        EXPECT_TRUE(runUntil(
+            loop, [&] { return !watcher.has(kNewPath); }, 5s));
     });
 }
 
@@ -101,7 +104,9 @@ TEST(FwdevdNamespace, TsdCountsAModulePublishedByFwdevd)
             BusWatcher watcher(net.loop, 11122, "sync/");
             SyslogCapture capture;
             ChildProcess tsd({testsupport::binDir() + "/tsd", "-d"});
-            ASSERT_TRUE(runUntil(net.loop, [&] { return watcher.has("sync/app"); }, 10s)) << capture.dump();
+            ASSERT_TRUE(runUntil(
+                net.loop, [&] { return watcher.has("sync/app"); }, 10s))
+                << capture.dump();
 
             constexpr std::uint64_t kOwnNode = 0x00000a7c31000000 | tsdtest::kOwnUuid;
             SysfsTree tree(treeRoot("tsd"));
@@ -112,15 +117,18 @@ TEST(FwdevdNamespace, TsdCountsAModulePublishedByFwdevd)
             auto child = startFwdevd(tree.root(), 11122);
 
             auto waitLogged = [&](int priority, const std::string& fragment) {
-                return runUntil(net.loop, [&] { return logged(capture, priority, fragment); }, 10s);
+                return runUntil(
+                    net.loop, [&] { return logged(capture, priority, fragment); }, 10s);
             };
-            EXPECT_TRUE(waitLogged(LOG_DEBUG, "cbReachableFirewire recognized appearance of device abcdef on"))
+            EXPECT_TRUE(
+                waitLogged(LOG_DEBUG, "cbReachableFirewire recognized appearance of device abcdef on"))
                 << capture.dump();
             EXPECT_TRUE(waitLogged(LOG_INFO, "device 0011220000334455 is ignored by synchronisation"))
                 << capture.dump();
             // 3000 ms after the appearance the election restarts and expects
             // the module; 3000 ms later its silence is an error of the rear side.
-            EXPECT_TRUE(runUntil(net.loop, [&] { return watcher.has("sync/errors/-1"); }, 15s))
+            EXPECT_TRUE(runUntil(
+                net.loop, [&] { return watcher.has("sync/errors/-1"); }, 15s))
                 << capture.dump();
             EXPECT_EQ(tsd.signalAndWait(SIGTERM), 0);
         },

@@ -8,10 +8,10 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <poll.h>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <poll.h>
 
 #include <orv/sys/EventLoop.h>
 
@@ -76,22 +76,21 @@ protected:
     {
         ASSERT_NE(m_velad.port(), 0);
         build(m_tree);
-        ASSERT_TRUE(runUntil(m_loop, [&] { return m_watcher.ready(); }, 5s));
+        ASSERT_TRUE(runUntil(
+            m_loop, [&] { return m_watcher.ready(); }, 5s));
         m_fwdevd = startFwdevd(m_tree.root(), m_velad.port());
-        ASSERT_TRUE(runUntil(m_loop, [&] { return m_watcher.states().size() == 3; }, 5s));
+        ASSERT_TRUE(runUntil(
+            m_loop, [&] { return m_watcher.states().size() == 3; }, 5s));
     }
 
-    void hangup()
-    {
-        ASSERT_EQ(::kill(m_fwdevd->pid(), SIGHUP), 0);
-    }
+    void hangup() { ASSERT_EQ(::kill(m_fwdevd->pid(), SIGHUP), 0); }
 
     SyslogCapture m_capture;
     LocalVelad m_velad{{"--quiet"}};
     orv::sys::EventLoop m_loop;
     BusWatcher m_watcher{m_loop, m_velad.port(), "reachableDevices/"};
-    SysfsTree m_tree{treeRoot("fwdevd-" +
-                              std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()))};
+    SysfsTree m_tree{
+        treeRoot("fwdevd-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()))};
     std::unique_ptr<ChildProcess> m_fwdevd;
 };
 
@@ -129,8 +128,11 @@ TEST(FwdevdProgram, HelpVersionAndBadOptions)
     EXPECT_NE(text.find("usage: fwdevd"), std::string::npos);
     EXPECT_LE(std::count(text.begin(), text.end(), '\n'), 24) << "one screen";
 
-    for (const std::vector<std::string>& args :
-         {std::vector<std::string>{"--port", "0"}, {"--port", "65536"}, {"--port", "x"}, {"--bogus"}, {"extra"}}) {
+    for (const std::vector<std::string>& args : {std::vector<std::string>{"--port", "0"},
+                                                 {"--port", "65536"},
+                                                 {"--port", "x"},
+                                                 {"--bogus"},
+                                                 {"extra"}}) {
         std::vector<std::string> argv = {fwdevd()};
         argv.insert(argv.end(), args.begin(), args.end());
         ChildProcess bad(argv);
@@ -151,11 +153,13 @@ TEST_F(Running, ADeviceAddedAndRemovedFollowsSighup)
 {
     m_tree.addNode(kCardA, "fw5", kNewNode, false);
     hangup();
-    ASSERT_TRUE(runUntil(m_loop, [&] { return m_watcher.has(kNewPath); }, 5s));
+    ASSERT_TRUE(runUntil(
+        m_loop, [&] { return m_watcher.has(kNewPath); }, 5s));
 
     m_tree.removeNode("fw1");
     hangup();
-    ASSERT_TRUE(runUntil(m_loop, [&] { return !m_watcher.has(kPathOwn); }, 5s));
+    ASSERT_TRUE(runUntil(
+        m_loop, [&] { return !m_watcher.has(kPathOwn); }, 5s));
 
     // Only the differences went out: the devices that stayed were told once.
     EXPECT_EQ(m_watcher.notifications(kPathForeign), 1);
@@ -178,7 +182,8 @@ TEST_F(Running, AChangedValueIsAChange)
 {
     m_tree.writeNodeFile("fw4", "model", "0x000002\n");
     hangup();
-    ASSERT_TRUE(runUntil(m_loop, [&] { return m_watcher.state(kPathB)["model"].asUInt() == 2; }, 5s));
+    ASSERT_TRUE(runUntil(
+        m_loop, [&] { return m_watcher.state(kPathB)["model"].asUInt() == 2; }, 5s));
     EXPECT_EQ(m_watcher.eventsFor(kPathB).back().event, "change");
 }
 
@@ -186,11 +191,13 @@ TEST_F(Running, ACardThatLosesItsInterfaceTakesItsNodesAlong)
 {
     m_tree.removeInterface("firewire1");
     hangup();
-    ASSERT_TRUE(runUntil(m_loop, [&] { return !m_watcher.has(kPathB); }, 5s));
+    ASSERT_TRUE(runUntil(
+        m_loop, [&] { return !m_watcher.has(kPathB); }, 5s));
     EXPECT_TRUE(m_watcher.has(kPathOwn));
     m_tree.addInterface(kCardB, "firewire1", kLocalB);
     hangup();
-    ASSERT_TRUE(runUntil(m_loop, [&] { return m_watcher.has(kPathB); }, 5s));
+    ASSERT_TRUE(runUntil(
+        m_loop, [&] { return m_watcher.has(kPathB); }, 5s));
 }
 
 TEST_F(Running, AnIncompleteScanChangesNothingAndIsLoggedOnce)
@@ -212,7 +219,8 @@ TEST_F(Running, AnIncompleteScanChangesNothingAndIsLoggedOnce)
     std::filesystem::remove(net);
     std::filesystem::rename(net + ".away", net);
     hangup();
-    ASSERT_TRUE(runUntil(m_loop, [&] { return !m_watcher.has(kPathOwn); }, 5s));
+    ASSERT_TRUE(runUntil(
+        m_loop, [&] { return !m_watcher.has(kPathOwn); }, 5s));
     EXPECT_EQ(m_watcher.events().size(), before + 1);
 }
 
@@ -223,7 +231,8 @@ TEST_F(Running, AProblemIsLoggedOnceWhileItLasts)
         hangup();
     }
     const std::string line = "fw7: guid '0x\\x1b[2J' is not a 64-bit hex number; skipped";
-    ASSERT_TRUE(runUntil(m_loop, [&] { return countContaining(m_capture, LOG_WARNING, line) > 0; }, 5s));
+    ASSERT_TRUE(runUntil(
+        m_loop, [&] { return countContaining(m_capture, LOG_WARNING, line) > 0; }, 5s));
     runFor(m_loop, 300ms);
     EXPECT_EQ(countContaining(m_capture, LOG_WARNING, line), 1u) << m_capture.dump();
 
@@ -233,7 +242,8 @@ TEST_F(Running, AProblemIsLoggedOnceWhileItLasts)
     runFor(m_loop, 200ms);
     m_tree.addNode(kCardA, "fw7", {{"guid", "0x\x1b[2J"}, {"is_local", "0"}});
     hangup();
-    EXPECT_TRUE(runUntil(m_loop, [&] { return countContaining(m_capture, LOG_WARNING, line) == 2; }, 5s));
+    EXPECT_TRUE(runUntil(
+        m_loop, [&] { return countContaining(m_capture, LOG_WARNING, line) == 2; }, 5s));
     for (const auto& l : m_capture.lines()) {
         EXPECT_EQ(l.text.find('\x1b'), std::string::npos) << "raw control byte logged";
     }
@@ -242,7 +252,8 @@ TEST_F(Running, AProblemIsLoggedOnceWhileItLasts)
 TEST_F(Running, SigtermEndsItAndItsDevicesLeaveTheBus)
 {
     EXPECT_EQ(m_fwdevd->signalAndWait(SIGTERM), 0);
-    EXPECT_TRUE(runUntil(m_loop, [&] { return m_watcher.states().empty(); }, 5s));
+    EXPECT_TRUE(runUntil(
+        m_loop, [&] { return m_watcher.states().empty(); }, 5s));
 }
 
 TEST_F(Running, DevicesComeBackAfterABrokerRestart)
@@ -252,7 +263,8 @@ TEST_F(Running, DevicesComeBackAfterABrokerRestart)
     LocalVelad again({"--quiet"}, port);
     ASSERT_EQ(again.port(), port);
     BusWatcher watcher(m_loop, port, "reachableDevices/");
-    EXPECT_TRUE(runUntil(m_loop, [&] { return watcher.states().size() == 3; }, 10s));
+    EXPECT_TRUE(runUntil(
+        m_loop, [&] { return watcher.states().size() == 3; }, 10s));
 }
 
 TEST(FwdevdProgram, ReadyOnceTheBrokerHasTheFirstPicture)
@@ -282,7 +294,8 @@ TEST(FwdevdProgram, ReadyOnceTheBrokerHasTheFirstPicture)
     // At that moment the broker holds every device of the first scan.
     orv::sys::EventLoop loop;
     BusWatcher watcher(loop, velad.port(), "reachableDevices/");
-    ASSERT_TRUE(runUntil(loop, [&] { return watcher.ready(); }, 5s));
+    ASSERT_TRUE(runUntil(
+        loop, [&] { return watcher.ready(); }, 5s));
     EXPECT_EQ(watcher.states().size(), 3u);
     EXPECT_TRUE(capture.contains(LOG_INFO, "publishing 3 reachable devices")) << capture.dump();
 }

@@ -88,21 +88,25 @@ protected:
         m_dir = testsupport::PrivateMounts::scratchDir(
             std::string("keeper-") + ::testing::UnitTest::GetInstance()->current_test_info()->name());
         m_state = m_dir + "/param.json";
-        m_keeper = std::make_unique<ParamKeeper>(m_peer, m_rules, ParamKeeper::Files{m_state, m_dir + "/none"}, m_fs);
+        m_keeper = std::make_unique<ParamKeeper>(m_peer, m_rules,
+                                                 ParamKeeper::Files{m_state, m_dir + "/none"}, m_fs);
         bool added = false;
         m_keeper->start([&](const std::string& refused) {
             EXPECT_EQ(refused, "");
             added = true;
         });
-        ASSERT_TRUE(runUntil(m_loop, [&] { return added && m_watcher.has("sync/param"); }, 5s));
+        ASSERT_TRUE(runUntil(
+            m_loop, [&] { return added && m_watcher.has("sync/param"); }, 5s));
         m_fs.calls.clear();
     }
 
     Json::Value set(const Json::Value& value)
     {
         Json::Value answer;
-        m_watcher.peer().setAsync("sync/param", value, [&](const Json::Value& response) { answer = response; });
-        EXPECT_TRUE(runUntil(m_loop, [&] { return !answer.isNull(); }, 5s));
+        m_watcher.peer().setAsync("sync/param", value,
+                                  [&](const Json::Value& response) { answer = response; });
+        EXPECT_TRUE(runUntil(
+            m_loop, [&] { return !answer.isNull(); }, 5s));
         return answer;
     }
 
@@ -134,7 +138,8 @@ TEST_F(Keeper, AnAcceptedValueIsStoredThenShown)
     ASSERT_TRUE(answer.isMember("result")) << vela::toCompact(answer);
     EXPECT_EQ(answer["result"]["timesource"].asString(), "Ntp");
     EXPECT_EQ(answer["result"]["ptp4l"].asString(), "-4 -E -H -i eth0") << "the other keys stay";
-    ASSERT_TRUE(runUntil(m_loop, [&] { return m_watcher.state("sync/param")["timesource"] == "Ntp"; }, 5s));
+    ASSERT_TRUE(runUntil(
+        m_loop, [&] { return m_watcher.state("sync/param")["timesource"] == "Ntp"; }, 5s));
     EXPECT_EQ(readFile(m_state), vela::toCompact(m_watcher.state("sync/param")) + "\n");
     const std::vector<std::string> steps = {"open", "write", "fsync", "rename", "open", "fsync"};
     EXPECT_EQ(m_fs.calls, steps);
@@ -173,18 +178,21 @@ TEST_F(Keeper, AFailedSyncOfTheDirectoryStillShowsTheStoredValue)
     m_fs.failOccurrence = 2;
     const Json::Value answer = set(timesource("Ntp"));
     ASSERT_TRUE(answer.isMember("result")) << vela::toCompact(answer);
-    ASSERT_TRUE(runUntil(m_loop, [&] { return m_watcher.state("sync/param")["timesource"] == "Ntp"; }, 5s));
+    ASSERT_TRUE(runUntil(
+        m_loop, [&] { return m_watcher.state("sync/param")["timesource"] == "Ntp"; }, 5s));
     EXPECT_EQ(readFile(m_state), vela::toCompact(m_watcher.state("sync/param")) + "\n");
-    EXPECT_TRUE(m_capture.contains(LOG_ERR, "sync/param stored in " + m_state +
-                                                ", but the fsync of the directory failed (Input/output error); "
-                                                "a power cut may bring back the old value"))
+    EXPECT_TRUE(
+        m_capture.contains(LOG_ERR, "sync/param stored in " + m_state +
+                                        ", but the fsync of the directory failed (Input/output error); "
+                                        "a power cut may bring back the old value"))
         << m_capture.dump();
 }
 
 TEST_F(Keeper, TheSameValueAgainWritesAndShowsNothing)
 {
     ASSERT_TRUE(set(timesource("Ntp")).isMember("result"));
-    ASSERT_TRUE(runUntil(m_loop, [&] { return m_watcher.state("sync/param")["timesource"] == "Ntp"; }, 5s));
+    ASSERT_TRUE(runUntil(
+        m_loop, [&] { return m_watcher.state("sync/param")["timesource"] == "Ntp"; }, 5s));
     const int before = m_watcher.notifications("sync/param");
     m_fs.calls.clear();
     const Json::Value answer = set(timesource("Ntp"));

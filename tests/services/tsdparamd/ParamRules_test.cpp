@@ -48,7 +48,8 @@ protected:
     void SetUp() override
     {
         std::string error;
-        ASSERT_TRUE(m_list.load(std::string(TSD_SOURCE_DIR) + "/packaging/config/ptp4l-options", error)) << error;
+        ASSERT_TRUE(m_list.load(std::string(TSD_SOURCE_DIR) + "/packaging/config/ptp4l-options", error))
+            << error;
     }
 
     std::string check(const std::string& json) const
@@ -99,7 +100,8 @@ TEST_F(Rules, TableOfValues)
         {R"({"timesource":"Ptp","threshold":4,"ntpserver":"10.0.0.1","ptp4l":""})", {}},
         {R"({"timesource":"Gps","threshold":0,"ntpserver":"10.0.0.1","ptp4l":""})",
          {R"("timesource": "Gps" is not a time source of the configuration file (known: Ntp, Ptp))"}},
-        {R"({"timesource":"ptp","threshold":0,"ntpserver":"10.0.0.1","ptp4l":""})", {R"("timesource": "ptp")"}},
+        {R"({"timesource":"ptp","threshold":0,"ntpserver":"10.0.0.1","ptp4l":""})",
+         {R"("timesource": "ptp")"}},
         {R"({"timesource":"","threshold":0,"ntpserver":"10.0.0.1","ptp4l":""})", {R"("timesource": "")"}},
         {R"({"timesource":7,"threshold":0,"ntpserver":"10.0.0.1","ptp4l":""})",
          {R"("timesource": must be a string)"}},
@@ -117,7 +119,8 @@ TEST_F(Rules, TableOfValues)
          {R"("ntpserver": "10.0.0.1 iburst" is neither an IPv4 or IPv6 address nor a host name)"}},
         {R"({"timesource":"Ptp","threshold":0,"ntpserver":"a\nserver evil","ptp4l":""})",
          {R"("ntpserver": "a\nserver evil")"}},
-        {R"({"timesource":"Ptp","threshold":0,"ntpserver":["a"],"ptp4l":""})", {R"("ntpserver": must be a string)"}},
+        {R"({"timesource":"Ptp","threshold":0,"ntpserver":["a"],"ptp4l":""})",
+         {R"("ntpserver": must be a string)"}},
         {R"({"timesource":"Ptp","threshold":0,"ntpserver":"10.0.0.1","ptp4l":"-4 -f /etc/passwd"})",
          {R"("ptp4l": "-f" is not an allowed ptp4l option)"}},
         {R"({"timesource":"Ptp","threshold":0,"ntpserver":"10.0.0.1","ptp4l":{"a":1}})",
@@ -143,9 +146,9 @@ TEST_F(Rules, TableOfValues)
         for (const std::string& fragment : c.fragments) {
             EXPECT_NE(refusal.find(fragment), std::string::npos) << refusal;
         }
-        EXPECT_TRUE(std::none_of(refusal.begin(), refusal.end(),
-                                 [](char ch) { return static_cast<unsigned char>(ch) < 0x20; }))
-            << refusal;
+        EXPECT_TRUE(std::none_of(refusal.begin(), refusal.end(), [](char ch) {
+            return static_cast<unsigned char>(ch) < 0x20;
+        })) << refusal;
     }
 }
 
@@ -153,7 +156,8 @@ TEST_F(Rules, ThresholdMustBeFinite)
 {
     // Not expressible in JSON text, but a value built in the program could
     // carry them.
-    for (const double bad : {std::numeric_limits<double>::infinity(), std::numeric_limits<double>::quiet_NaN()}) {
+    for (const double bad :
+         {std::numeric_limits<double>::infinity(), std::numeric_limits<double>::quiet_NaN()}) {
         Json::Value value = orv::services::builtinParams();
         value["threshold"] = bad;
         EXPECT_EQ(ParamRules({"Ntp", "Ptp"}, m_list).check(value),
@@ -177,7 +181,8 @@ TEST_F(Rules, ManyFaultsAreCountedNotListed)
 TEST_F(Rules, WithoutTimeSourcesEveryTimeSourceIsRefused)
 {
     const std::string refusal = ParamRules({}, m_list).check(orv::services::builtinParams());
-    EXPECT_NE(refusal.find(R"("timesource": "Ptp" is not a time source of the configuration file (it offers none))"),
+    EXPECT_NE(refusal.find(
+                  R"("timesource": "Ptp" is not a time source of the configuration file (it offers none))"),
               std::string::npos)
         << refusal;
 }
@@ -185,12 +190,14 @@ TEST_F(Rules, WithoutTimeSourcesEveryTimeSourceIsRefused)
 TEST_F(Rules, ShippedParametersPassWithTheShippedConfiguration)
 {
     pugi::xml_document document;
-    ASSERT_TRUE(document.load_file((std::string(TSD_SOURCE_DIR) + "/packaging/config/TimeSourceDaemonConfig.xml").c_str()));
+    ASSERT_TRUE(document.load_file(
+        (std::string(TSD_SOURCE_DIR) + "/packaging/config/TimeSourceDaemonConfig.xml").c_str()));
     const ParamRules rules(ParamRules::timeSourcesOf(orv::tsd::ConfigDocument::read(document)), m_list);
     EXPECT_EQ(rules.timeSources(), (std::vector<std::string>{"Ntp", "Ptp"}));
     Json::Value shipped;
     std::string why;
-    ASSERT_EQ(orv::services::readParamFile(std::string(TSD_SOURCE_DIR) + "/packaging/config/param.json", shipped, why),
+    ASSERT_EQ(orv::services::readParamFile(std::string(TSD_SOURCE_DIR) + "/packaging/config/param.json",
+                                           shipped, why),
               orv::services::ParamFileStatus::Read)
         << why;
     EXPECT_EQ(rules.check(shipped), "");

@@ -49,8 +49,8 @@ TEST(Ptp4lAllowList, SharedTableOfValues)
         if (c.accept) {
             EXPECT_EQ(refusal, "");
         } else {
-            EXPECT_TRUE(names(refusal, c.token)) << "refusal '" << refusal << "' does not name \"" << c.token
-                                                 << "\"";
+            EXPECT_TRUE(names(refusal, c.token))
+                << "refusal '" << refusal << "' does not name \"" << c.token << "\"";
         }
     }
 }
@@ -122,22 +122,37 @@ TEST(Ptp4lAllowList, ArgumentKinds)
         bool ok;
     };
     const std::vector<Case> cases = {
-        {Argument::Interface, "firewire0", true},   {Argument::Interface, "eth0.100", true},
-        {Argument::Interface, "a_b-c", true},        {Argument::Interface, "", false},
-        {Argument::Interface, "-eth0", false},       {Argument::Interface, "eth/0", false},
-        {Argument::Interface, "eth,0", false},       {Argument::Interface, "abcdefghijklmno", true},
+        {Argument::Interface, "firewire0", true},
+        {Argument::Interface, "eth0.100", true},
+        {Argument::Interface, "a_b-c", true},
+        {Argument::Interface, "", false},
+        {Argument::Interface, "-eth0", false},
+        {Argument::Interface, "eth/0", false},
+        {Argument::Interface, "eth,0", false},
+        {Argument::Interface, "abcdefghijklmno", true},
         {Argument::Interface, "abcdefghijklmnop", false},
-        {Argument::Unsigned, "0", true},             {Argument::Unsigned, "123456789", true},
-        {Argument::Unsigned, "1234567890", false},   {Argument::Unsigned, "-1", false},
-        {Argument::Unsigned, "", false},             {Argument::Unsigned, "1a", false},
-        {Argument::Integer, "-5", true},             {Argument::Integer, "-", false},
-        {Argument::Integer, "--5", false},           {Argument::Integer, "+5", false},
-        {Argument::Number, "0.5", true},             {Argument::Number, "-12.000000001", true},
-        {Argument::Number, "12.", false},            {Argument::Number, ".5", false},
-        {Argument::Number, "1.2.3", false},          {Argument::Number, "1e3", false},
-        {Argument::Number, "1.1234567890", false},   {Argument::Word, "E2E", true},
-        {Argument::Word, "linreg", true},            {Argument::Word, "9x", false},
-        {Argument::Word, "soft-ware", false},        {Argument::None, "x", false},
+        {Argument::Unsigned, "0", true},
+        {Argument::Unsigned, "123456789", true},
+        {Argument::Unsigned, "1234567890", false},
+        {Argument::Unsigned, "-1", false},
+        {Argument::Unsigned, "", false},
+        {Argument::Unsigned, "1a", false},
+        {Argument::Integer, "-5", true},
+        {Argument::Integer, "-", false},
+        {Argument::Integer, "--5", false},
+        {Argument::Integer, "+5", false},
+        {Argument::Number, "0.5", true},
+        {Argument::Number, "-12.000000001", true},
+        {Argument::Number, "12.", false},
+        {Argument::Number, ".5", false},
+        {Argument::Number, "1.2.3", false},
+        {Argument::Number, "1e3", false},
+        {Argument::Number, "1.1234567890", false},
+        {Argument::Word, "E2E", true},
+        {Argument::Word, "linreg", true},
+        {Argument::Word, "9x", false},
+        {Argument::Word, "soft-ware", false},
+        {Argument::None, "x", false},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(Ptp4lAllowList::matches(c.kind, c.text), c.ok) << static_cast<int>(c.kind) << " " << c.text;

@@ -42,7 +42,8 @@ const char kConfig[] =
     "<?xml version=\"1.0\"?><TimeSyncDaemon><MultiCastParam><Address>239.255.77.1</Address><Port>14000</Port>"
     "</MultiCastParam><PrioLevel><ModuleType><KP>20</KP><RZ>10</RZ></ModuleType>"
     "<TimeSource><Ptp>2</Ptp><Ntp>1</Ntp><Gps>0</Gps></TimeSource></PrioLevel></TimeSyncDaemon>";
-const char kBuiltins[] = R"({"ntpserver":"127.0.0.1","ptp4l":"-4 -E -H -i eth0","threshold":0.0,"timesource":"Ptp"})";
+const char kBuiltins[] =
+    R"({"ntpserver":"127.0.0.1","ptp4l":"-4 -E -H -i eth0","threshold":0.0,"timesource":"Ptp"})";
 
 std::string readFile(const std::string& path)
 {
@@ -90,7 +91,8 @@ protected:
         m_config = m_dir + "/config.xml";
         writeFile(m_config, kConfig);
         m_watcher = std::make_unique<BusWatcher>(m_loop, m_velad->port(), "sync/param");
-        ASSERT_TRUE(runUntil(m_loop, [&] { return m_watcher->ready(); }, 5s));
+        ASSERT_TRUE(runUntil(
+            m_loop, [&] { return m_watcher->ready(); }, 5s));
     }
 
     std::vector<std::string> argv(const std::vector<std::string>& extra = {}) const
@@ -114,14 +116,16 @@ protected:
     void start(const std::vector<std::string>& extra = {})
     {
         m_daemon = std::make_unique<ChildProcess>(argv(extra));
-        ASSERT_TRUE(runUntil(m_loop, [&] { return m_watcher->has("sync/param"); }, 5s))
+        ASSERT_TRUE(runUntil(
+            m_loop, [&] { return m_watcher->has("sync/param"); }, 5s))
             << m_daemon->readAllStderr(100ms) << m_capture.dump();
     }
 
     void stop()
     {
         ASSERT_EQ(m_daemon->signalAndWait(SIGTERM), 0);
-        ASSERT_TRUE(runUntil(m_loop, [&] { return !m_watcher->has("sync/param"); }, 5s));
+        ASSERT_TRUE(runUntil(
+            m_loop, [&] { return !m_watcher->has("sync/param"); }, 5s));
     }
 
     Json::Value value() const { return m_watcher->state("sync/param"); }
@@ -132,7 +136,8 @@ protected:
         Json::Value answer;
         m_watcher->peer().setAsync("sync/param", json(text),
                                    [&](const Json::Value& response) { answer = response; });
-        EXPECT_TRUE(runUntil(m_loop, [&] { return !answer.isNull(); }, 5s));
+        EXPECT_TRUE(runUntil(
+            m_loop, [&] { return !answer.isNull(); }, 5s));
         return answer;
     }
 
@@ -172,9 +177,10 @@ TEST_F(Tsdparamd, AnInvalidDefaultsFileFallsBackToTheBuiltIns)
     start();
     EXPECT_EQ(compact(value()), kBuiltins);
     EXPECT_TRUE(m_capture.contains(
-        LOG_ERR, "defaults file " + m_defaults +
-                     R"( holds no valid value ("ntpserver": "-v" is neither an IPv4 or IPv6 address nor a host )"
-                     "name); built-in defaults used"))
+        LOG_ERR,
+        "defaults file " + m_defaults +
+            R"( holds no valid value ("ntpserver": "-v" is neither an IPv4 or IPv6 address nor a host )"
+            "name); built-in defaults used"))
         << m_capture.dump();
     EXPECT_TRUE(exists(m_defaults)) << "a shipped file is never moved";
 }
@@ -187,7 +193,8 @@ TEST_F(Tsdparamd, ASetIsStoredAndSurvivesRestartsOfTheKeeperAndOfTheBroker)
     const std::string expected =
         R"({"ntpserver":"ntp.example","ptp4l":"-4 -E -H -i eth0","threshold":0.0,"timesource":"Ntp"})";
     EXPECT_EQ(compact(answer["result"]), expected);
-    ASSERT_TRUE(runUntil(m_loop, [&] { return compact(value()) == expected; }, 5s));
+    ASSERT_TRUE(runUntil(
+        m_loop, [&] { return compact(value()) == expected; }, 5s));
     EXPECT_EQ(readFile(m_state), expected + "\n");
 
     // The keeper restarts: the stored value, not the defaults.
@@ -203,12 +210,14 @@ TEST_F(Tsdparamd, ASetIsStoredAndSurvivesRestartsOfTheKeeperAndOfTheBroker)
     m_velad = std::make_unique<LocalVelad>(std::vector<std::string>{"--quiet"}, port);
     ASSERT_EQ(m_velad->port(), port);
     m_watcher = std::make_unique<BusWatcher>(m_loop, port, "sync/param");
-    ASSERT_TRUE(runUntil(m_loop, [&] { return m_watcher->has("sync/param"); }, 10s));
+    ASSERT_TRUE(runUntil(
+        m_loop, [&] { return m_watcher->has("sync/param"); }, 10s));
     EXPECT_EQ(compact(value()), expected);
 
     // And it still takes sets on the new broker.
     ASSERT_TRUE(set(R"({"threshold":1.5})").isMember("result"));
-    ASSERT_TRUE(runUntil(m_loop, [&] { return value()["threshold"].asDouble() == 1.5; }, 5s));
+    ASSERT_TRUE(runUntil(
+        m_loop, [&] { return value()["threshold"].asDouble() == 1.5; }, 5s));
     EXPECT_EQ(json(readFile(m_state))["threshold"].asDouble(), 1.5);
 }
 
@@ -227,7 +236,8 @@ TEST_F(Tsdparamd, ARefusedSetChangesNothing)
 
     // With a state file in place: its bytes and time stay as they were.
     ASSERT_TRUE(set(R"({"timesource":"Ntp"})").isMember("result"));
-    ASSERT_TRUE(runUntil(m_loop, [&] { return value()["timesource"] == "Ntp"; }, 5s));
+    ASSERT_TRUE(runUntil(
+        m_loop, [&] { return value()["timesource"] == "Ntp"; }, 5s));
     const std::string stored = readFile(m_state);
     struct stat st1;
     ASSERT_EQ(::stat(m_state.c_str(), &st1), 0);
@@ -236,7 +246,8 @@ TEST_F(Tsdparamd, ARefusedSetChangesNothing)
     EXPECT_EQ(again["error"]["code"].asInt(), -32012);
     const std::string message = again["error"]["message"].asString();
     EXPECT_NE(message.find(R"("extra": not a key of sync/param)"), std::string::npos) << message;
-    EXPECT_NE(message.find(R"("threshold": must be a finite number from 0 to 429496729.5)"), std::string::npos)
+    EXPECT_NE(message.find(R"("threshold": must be a finite number from 0 to 429496729.5)"),
+              std::string::npos)
         << message;
     runFor(m_loop, 300ms);
     struct stat st2;
@@ -265,7 +276,8 @@ TEST_F(Tsdparamd, ACorruptStateFileIsKeptAsideAndTheDefaultsAreUsed)
         {"not JSON", "timesource=Ptp\n", "not JSON"},
         {"empty", "", "(empty)"},
         {"an unknown time source", R"({"timesource":"Gps"})", R"(("timesource": "Gps" is not a time source)"},
-        {"a hostile ptp4l value", R"({"ptp4l":"-i eth0\n-f /etc/shadow"})", R"(("ptp4l": byte "\n" is not allowed))"},
+        {"a hostile ptp4l value", R"({"ptp4l":"-i eth0\n-f /etc/shadow"})",
+         R"(("ptp4l": byte "\n" is not allowed))"},
         {"not an object", R"(["Ptp"])", "(the value must be an object"},
         {"duplicate keys", R"({"timesource":"Ptp","timesource":"Ntp"})", "not JSON"},
         {"too large", std::string(70000, ' ') + "{}", "(larger than 65536 bytes)"},
@@ -281,10 +293,11 @@ TEST_F(Tsdparamd, ACorruptStateFileIsKeptAsideAndTheDefaultsAreUsed)
         EXPECT_EQ(readFile(m_state + ".bad"), c.content);
         bool logged = false;
         for (const auto& line : m_capture.lines()) {
-            logged = logged || (line.priority == LOG_ERR &&
-                                line.text.rfind("state file " + m_state + " holds no valid value", 0) == 0 &&
-                                line.text.find(c.why) != std::string::npos &&
-                                line.text.find("kept as " + m_state + ".bad, defaults used") != std::string::npos);
+            logged =
+                logged || (line.priority == LOG_ERR &&
+                           line.text.rfind("state file " + m_state + " holds no valid value", 0) == 0 &&
+                           line.text.find(c.why) != std::string::npos &&
+                           line.text.find("kept as " + m_state + ".bad, defaults used") != std::string::npos);
         }
         EXPECT_TRUE(logged) << m_capture.dump();
         stop();
@@ -305,7 +318,8 @@ TEST_F(Tsdparamd, SigtermRemovesTheStateAndExitsZero)
 {
     start();
     EXPECT_EQ(m_daemon->signalAndWait(SIGTERM), 0);
-    EXPECT_TRUE(runUntil(m_loop, [&] { return !m_watcher->has("sync/param"); }, 5s));
+    EXPECT_TRUE(runUntil(
+        m_loop, [&] { return !m_watcher->has("sync/param"); }, 5s));
     EXPECT_EQ(m_watcher->eventsFor("sync/param").back().event, "remove");
 }
 
@@ -322,7 +336,8 @@ TEST_F(Tsdparamd, AnotherOwnerOfTheStateEndsItWithStatusOne)
 {
     vela::PeerAsync other(m_loop, "127.0.0.1", m_velad->port(), "other");
     other.addStateAsync("sync/param", json(kBuiltins));
-    ASSERT_TRUE(runUntil(m_loop, [&] { return m_watcher->has("sync/param"); }, 5s));
+    ASSERT_TRUE(runUntil(
+        m_loop, [&] { return m_watcher->has("sync/param"); }, 5s));
     ChildProcess daemon(argv());
     EXPECT_EQ(daemon.wait(), 1);
     EXPECT_EQ(compact(value()), kBuiltins) << "the other owner's value stays";
@@ -342,7 +357,8 @@ TEST_F(Tsdparamd, WithoutTheAllowListEveryPtp4lOptionIsRefused)
         << m_capture.dump();
     const Json::Value refused = set(R"({"ptp4l":"-4"})");
     EXPECT_EQ(refused["error"]["code"].asInt(), -32012);
-    EXPECT_NE(refused["error"]["message"].asString().find("allow-list could not be loaded"), std::string::npos);
+    EXPECT_NE(refused["error"]["message"].asString().find("allow-list could not be loaded"),
+              std::string::npos);
     EXPECT_TRUE(set(R"({"ptp4l":""})").isMember("result"));
 }
 
@@ -366,7 +382,8 @@ TEST_F(Tsdparamd, AStateFileThatCannotBeWrittenFailsTheSet)
     start();
     const Json::Value answer = set(R"({"timesource":"Ntp"})");
     EXPECT_EQ(answer["error"]["code"].asInt(), -32011);
-    EXPECT_NE(answer["error"]["message"].asString().find("cannot store the value (open: No such file or directory)"),
+    EXPECT_NE(answer["error"]["message"].asString().find(
+                  "cannot store the value (open: No such file or directory)"),
               std::string::npos)
         << compact(answer);
     runFor(m_loop, 200ms);
@@ -390,7 +407,8 @@ TEST_F(Tsdparamd, ReadyOnceTheStateIsOnTheBus)
     ASSERT_GT(::recv(sock, buffer, sizeof buffer - 1, 0), 0);
     EXPECT_STREQ(buffer, "READY=1");
     BusWatcher late(m_loop, m_velad->port(), "sync/param");
-    ASSERT_TRUE(runUntil(m_loop, [&] { return late.ready(); }, 5s));
+    ASSERT_TRUE(runUntil(
+        m_loop, [&] { return late.ready(); }, 5s));
     EXPECT_TRUE(late.has("sync/param"));
 
     EXPECT_EQ(daemon.signalAndWait(SIGTERM), 0);
