@@ -31,6 +31,16 @@ SignalWatch::SignalWatch(orv::sys::EventLoop& loop, std::initializer_list<int> s
     }
 }
 
+void SignalWatch::blockEarly(std::initializer_list<int> signals)
+{
+    sigset_t mask;
+    sigemptyset(&mask);
+    for (const int signo : signals) {
+        sigaddset(&mask, signo);
+    }
+    sigprocmask(SIG_BLOCK, &mask, nullptr);
+}
+
 SignalWatch::~SignalWatch()
 {
     if (m_fd >= 0) {

@@ -29,6 +29,10 @@ public:
     // False when the signalfd could not be made; errno tells why.
     bool ok() const { return m_fd >= 0; }
 
+    // Blocks the signals at once, so that one arriving while the daemon is
+    // still setting up waits for the watch instead of ending the process.
+    static void blockEarly(std::initializer_list<int> signals);
+
 private:
     orv::sys::EventLoop& m_loop;
     Callback m_callback;

@@ -114,6 +114,7 @@ int main(int argc, char** argv)
         return printOnce(root);
     }
 
+    SignalWatch::blockEarly({SIGHUP, SIGTERM, SIGINT});
     openServiceLog(kProgram, debug);
     // A broker that vanishes mid-write must not end the daemon.
     signal(SIGPIPE, SIG_IGN);

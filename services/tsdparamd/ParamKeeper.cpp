@@ -12,6 +12,7 @@
 #include "ParamFile.h"
 #include "ParamRules.h"
 #include "Printable.h"
+#include "ServiceLog.h"
 
 namespace orv::services {
 
@@ -108,6 +109,9 @@ Json::Value ParamKeeper::startingValue()
 
 Json::Value ParamKeeper::cbSet(const Json::Value& request)
 {
+    if (isDebug()) {
+        syslog(LOG_DEBUG, "set request on sync/param: %s", printable(vela::toCompact(request), 512).c_str());
+    }
     const std::string fault =
         request.isObject() ? m_rules.check(mergeParams(m_value, request)) : m_rules.check(request);
     if (!fault.empty()) {

@@ -163,6 +163,7 @@ int main(int argc, char** argv)
     if (const int rc = parseOptions(argc, argv, options, done); rc != 0 || done) {
         return rc;
     }
+    SignalWatch::blockEarly({SIGTERM, SIGINT, SIGHUP});
     openServiceLog(kProgram, options.debug);
     signal(SIGPIPE, SIG_IGN);
 
