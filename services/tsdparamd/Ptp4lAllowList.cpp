@@ -236,15 +236,15 @@ std::string Ptp4lAllowList::check(std::string_view value) const
         return (run.size() == 1 ? "byte " : "bytes ") + shown(run) + (run.size() == 1 ? " is" : " are") +
                " not allowed";
     }
+    if (value.size() > kMaxValueBytes) {
+        return "longer than " + std::to_string(kMaxValueBytes) + " bytes";
+    }
     const std::vector<std::string_view> tokens = splitBlanks(value);
     if (tokens.empty()) {
         return {};
     }
     if (!m_usable) {
         return "no ptp4l option can be checked: the option allow-list could not be loaded";
-    }
-    if (value.size() > kMaxValueBytes) {
-        return "longer than " + std::to_string(kMaxValueBytes) + " bytes";
     }
     for (std::size_t i = 0; i < tokens.size(); ++i) {
         const std::string_view token = tokens[i];
