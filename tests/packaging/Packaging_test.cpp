@@ -99,6 +99,36 @@ TEST(Install, PutsEveryFileWhereTheModuleExpectsIt)
     }
 }
 
+// fwdevd and tsdparamd: their units start before tsd and tell when they are
+// ready, tsd wants them, and what they read is where they read it.
+TEST(Install, PutsTheServicesBesideTsdInPlace)
+{
+    std::string root = PrivateMounts::scratchDir("install-services");
+    ASSERT_EQ(run("DESTDIR=" + root + " " + TSD_CMAKE_COMMAND + " --install " + TSD_BINARY_DIR + " > " +
+                  root + ".log 2>&1"),
+              0)
+        << readFile(root + ".log");
+    for (const char* name : {"fwdevd", "tsdparamd"}) {
+        SCOPED_TRACE(name);
+        const std::string unit = readFile(root + "/lib/systemd/system/" + name + ".service");
+        for (const char* line : {"\nType=notify\n", "\nAfter=velad.service\n", "\nBefore=tsd.service\n",
+                                 "\nUser=", "\nNoNewPrivileges=yes\n"}) {
+            EXPECT_NE(unit.find(line), std::string::npos) << line << " in\n" << unit;
+        }
+        const std::string program = execStartOf(unit);
+        EXPECT_EQ(program.substr(program.rfind('/') + 1), name);
+        EXPECT_TRUE(isExecutableFile(root + program)) << program;
+        EXPECT_EQ(run("find " + root + " -name " + std::string(name) + ".8 | grep -q ."), 0) << "man page";
+    }
+    EXPECT_NE(readFile(root + "/lib/systemd/system/tsdparamd.service").find("\nStateDirectory=tsd\n"),
+              std::string::npos);
+    EXPECT_NE(readFile(root + "/lib/systemd/system/tsd.service").find("fwdevd.service tsdparamd.service"),
+              std::string::npos);
+    EXPECT_EQ(readFile(root + "/etc/tsd/param.json"), readFile(kSource + "/packaging/config/param.json"));
+    EXPECT_EQ(run("find " + root + " -path '*/share/tsd/ptp4l-options' -type f | grep -q ."), 0);
+    EXPECT_NE(readFile(root + "/usr/lib/sysusers.d/tsd.conf").find("u fwdevd "), std::string::npos);
+}
+
 // The daemon reads its configuration once per process; this is the only test
 // in this program that reads it.
 TEST(ExampleConfiguration, IsReadAsDocumented)
