@@ -15,6 +15,8 @@
 #include <thread>
 
 #include "config/ConfigParams.h"
+#include "sync/NtpManage.h"
+#include "sync/PTPManage.h"
 #include "testsupport/PrivateMounts.h"
 
 using testsupport::PrivateMounts;
@@ -31,6 +33,12 @@ std::string readFile(const std::string& path)
     std::stringstream s;
     s << in.rdbuf();
     return s.str();
+}
+
+bool isFile(const std::string& path)
+{
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
 bool isExecutableFile(const std::string& path)
@@ -146,6 +154,68 @@ TEST(Install, PutsEveryFileWhereTheModuleExpectsIt)
     for (const char* library : {"liborv.so.1", "libvelapeerasync.so.1"}) {
         EXPECT_EQ(run("find " + root + " -name " + library + " | grep -q ."), 0) << library;
     }
+
+    // The daemon runs its scripts from where they were installed.
+    EXPECT_EQ(std::string(orv::tsd::PTPManage::kStartCommand), std::string(TSD_SCRIPT_DIR) + "/ptp4ladm.sh start");
+    EXPECT_EQ(std::string(orv::tsd::NtpManage::kStartCommand), std::string(TSD_SCRIPT_DIR) + "/start_ntpd.sh &");
+    EXPECT_EQ(std::string(orv::tsd::NtpManage::kStopCommand), std::string(TSD_SCRIPT_DIR) + "/stop_ntpd.sh");
+    EXPECT_TRUE(isExecutableFile(root + TSD_SCRIPT_DIR + "/ptp4ladm.sh"));
+    if (std::string(TSD_SCRIPT_DIR) == "/bin") {
+        EXPECT_STREQ(orv::tsd::PTPManage::kStopCommand, "/bin/ptp4ladm.sh stop");
+        EXPECT_STREQ(orv::tsd::NtpManage::kStartCommand, "/bin/start_ntpd.sh &");
+    }
+
+    // Installed programs find their libraries in the system's directory, not
+    // through a path relative to themselves.
+    for (const std::string& program : {tsd, velad, std::string("/usr/bin/tsdctl"), std::string("/usr/bin/vela")}) {
+        EXPECT_NE(run("readelf -d " + root + program + " | grep -q -E 'RPATH|RUNPATH'"), 0) << program;
+    }
+
+    // Everything a program built elsewhere needs: every public header, the
+    // pkg-config files and the CMake packages.
+    for (const char* header : {"orv/sys/EventLoop.h", "orv/sys/Timer.h", "orv/sys/PidFile.h",
+                               "orv/communication/MulticastServer.h", "orv/communication/Netadapter.h",
+                               "orv/communication/NetadapterList.h", "orv/communication/Netlink.h",
+                               "orv/exception/exception.h", "orv/string/split.h", "vela/PeerAsync.h"}) {
+        EXPECT_TRUE(isFile(root + "/usr/include/" + header)) << header;
+    }
+    for (const char* file : {"pkgconfig/orv.pc", "pkgconfig/velapeerasync.pc", "cmake/orv/orvConfig.cmake",
+                             "cmake/orv/orvTargets.cmake", "cmake/velapeerasync/velapeerasyncConfig.cmake",
+                             "cmake/velapeerasync/velapeerasyncConfigVersion.cmake"}) {
+        EXPECT_EQ(run("find " + root + "/usr/lib -path '*/" + file + "' | grep -q ."), 0) << file;
+    }
+    EXPECT_NE(readFile(root + "/usr/lib/" + TSD_LIBRARY_ARCHITECTURE + "/pkgconfig/velapeerasync.pc")
+                  .find("Requires: orv jsoncpp"),
+              std::string::npos);
+
+    // Every manual page, in the section its suffix names.
+    for (const char* page : {"man8/tsd.8", "man1/tsdctl.1", "man1/tsdsim.1", "man5/TimeSourceDaemonConfig.xml.5",
+                             "man5/tsd-defaults.5"}) {
+        EXPECT_TRUE(isFile(root + "/usr/share/man/" + page)) << page;
+    }
+    // The simulator finds the programs beside itself.
+    for (const char* program : {"tsdsim", "tsd", "velad", "vela"}) {
+        EXPECT_TRUE(isExecutableFile(root + "/usr/libexec/tsdsim/" + program)) << program;
+    }
+}
+
+TEST(Install, ASecondInstallKeepsTheModulesConfiguration)
+{
+    std::string root = PrivateMounts::scratchDir("reinstall-root");
+    const std::string install = "DESTDIR=" + root + " " + TSD_CMAKE_COMMAND + " --install " + TSD_BINARY_DIR;
+    ASSERT_EQ(run(install + " > " + root + ".log 2>&1"), 0) << readFile(root + ".log");
+    ASSERT_TRUE(PrivateMounts::writeFile(root + "/etc/default/tsd", "UUID=00ABCD\nTSD_OPTIONS=-d\n"));
+    ASSERT_TRUE(PrivateMounts::writeFile(root + "/etc/TimeSourceDaemonConfig.xml", "<TimeSyncDaemon/>\n"));
+
+    ASSERT_EQ(run(install + " > " + root + ".log 2>&1"), 0) << readFile(root + ".log");
+    EXPECT_EQ(readFile(root + "/etc/default/tsd"), "UUID=00ABCD\nTSD_OPTIONS=-d\n");
+    EXPECT_EQ(readFile(root + "/etc/TimeSourceDaemonConfig.xml"), "<TimeSyncDaemon/>\n");
+    // The shipped versions wait beside them, and the install says so.
+    EXPECT_EQ(readFile(root + "/etc/default/tsd.dist"), readFile(kSource + "/packaging/config/tsd.default"));
+    EXPECT_EQ(readFile(root + "/etc/TimeSourceDaemonConfig.xml.dist"),
+              readFile(kSource + "/packaging/config/TimeSourceDaemonConfig.xml"));
+    EXPECT_NE(readFile(root + ".log").find("Keeping: " + root + "/etc/default/tsd"), std::string::npos)
+        << readFile(root + ".log");
 }
 
 // The daemon reads its configuration once per process; this is the only test
