@@ -64,14 +64,6 @@ std::string shellQuoted(const std::string& s)
     return out + "'";
 }
 
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 bool exists(const std::string& path)
 {
     struct stat st;
@@ -263,15 +255,15 @@ TEST_F(DebianPackages, InstallUpgradeRemoveAndPurgeKeepLocalConfigurationUntilTh
                        "sed -i 's/17001/17101/' /etc/TimeSourceDaemonConfig.xml")
                   .status,
               0);
-    const std::string defaults = readFile(root.path("/etc/default/tsd"));
-    const std::string config = readFile(root.path("/etc/TimeSourceDaemonConfig.xml"));
+    const std::string defaults = PrivateMounts::readFile(root.path("/etc/default/tsd"));
+    const std::string config = PrivateMounts::readFile(root.path("/etc/TimeSourceDaemonConfig.xml"));
     ASSERT_NE(defaults.find("UUID=00ABCD\n"), std::string::npos);
 
     // Reinstalling the same version keeps both files.
     Output reinstall = root.run("dpkg -i /tmp/debs/tsd_*.deb");
     ASSERT_EQ(reinstall.status, 0) << reinstall.text;
-    EXPECT_EQ(readFile(root.path("/etc/default/tsd")), defaults);
-    EXPECT_EQ(readFile(root.path("/etc/TimeSourceDaemonConfig.xml")), config);
+    EXPECT_EQ(PrivateMounts::readFile(root.path("/etc/default/tsd")), defaults);
+    EXPECT_EQ(PrivateMounts::readFile(root.path("/etc/TimeSourceDaemonConfig.xml")), config);
 
     // The upgrade ships /etc/default/tsd unchanged and a changed
     // TimeSourceDaemonConfig.xml; the administrator's answer to the question
@@ -283,9 +275,9 @@ TEST_F(DebianPackages, InstallUpgradeRemoveAndPurgeKeepLocalConfigurationUntilTh
     for (const char* package : kPackages) {
         EXPECT_EQ(root.versionOf(package), std::string("ii  ") + kNewVersion) << package;
     }
-    EXPECT_EQ(readFile(root.path("/etc/default/tsd")), defaults);
-    EXPECT_EQ(readFile(root.path("/etc/TimeSourceDaemonConfig.xml")), config);
-    EXPECT_NE(readFile(root.path("/etc/TimeSourceDaemonConfig.xml.dpkg-dist")).find("<!-- changed in 1.0.0+1 -->"),
+    EXPECT_EQ(PrivateMounts::readFile(root.path("/etc/default/tsd")), defaults);
+    EXPECT_EQ(PrivateMounts::readFile(root.path("/etc/TimeSourceDaemonConfig.xml")), config);
+    EXPECT_NE(PrivateMounts::readFile(root.path("/etc/TimeSourceDaemonConfig.xml.dpkg-dist")).find("<!-- changed in 1.0.0+1 -->"),
               std::string::npos)
         << "the new shipped version waits beside the kept one";
 
@@ -293,7 +285,7 @@ TEST_F(DebianPackages, InstallUpgradeRemoveAndPurgeKeepLocalConfigurationUntilTh
     Output remove = root.run("dpkg -r tsdsim tsd");
     ASSERT_EQ(remove.status, 0) << remove.text;
     EXPECT_FALSE(exists(root.path("/usr/sbin/tsd")));
-    EXPECT_EQ(readFile(root.path("/etc/default/tsd")), defaults);
+    EXPECT_EQ(PrivateMounts::readFile(root.path("/etc/default/tsd")), defaults);
     EXPECT_EQ(root.versionOf("tsd"), std::string("rc  ") + kNewVersion);
 
     Output purge = root.run("dpkg -P tsd");

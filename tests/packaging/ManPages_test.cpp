@@ -93,14 +93,6 @@ std::string complaints(const std::string& page)
     return said;
 }
 
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 }  // namespace
 
 TEST(ManPages, EveryPageRendersWithoutWarnings)
@@ -127,7 +119,7 @@ TEST(ManPages, EachPageNamesTheSectionOfItsSuffix)
 {
     for (const std::string& page : pagesIn(kManDir)) {
         SCOPED_TRACE(page);
-        const std::string text = readFile(kManDir + "/" + page);
+        const std::string text = PrivateMounts::readFile(kManDir + "/" + page);
         std::istringstream first(text.substr(0, text.find('\n')));
         std::string macro, title, section;
         first >> macro >> title >> section;
