@@ -17,6 +17,7 @@
 #include <string>
 
 #include "testsupport/ChildProcess.h"
+#include "testsupport/LocalVelad.h"
 #include "tsdsim/World.h"
 
 using namespace std::chrono_literals;
@@ -262,4 +263,50 @@ TEST(TsdctlCommandLine, UsageErrorsAreUnknownAndVersionIsTheProjects)
     ChildProcess version({tsdctl, "--version"});
     EXPECT_EQ(version.readAll(), std::string("tsdctl ") + TSD_VERSION + "\n");
     EXPECT_EQ(version.wait(), 0);
+}
+
+// Whatever another bus participant publishes under "sync/" reaches the
+// operator's terminal only in safe form: control bytes escaped, long text cut,
+// values of the wrong shape reported as not readable.
+TEST(TsdctlHostileStates, AreShownEscapedCutAndWithoutCrash)
+{
+    testsupport::LocalVelad velad({"--quiet"});
+    ASSERT_NE(velad.port(), 0);
+    const std::string port = std::to_string(velad.port());
+    ChildProcess owner({testsupport::binDir() + "/vela", "--port", port, "own"});
+    const std::string longText(1000, 'x');
+    ASSERT_TRUE(owner.write("add sync/app {\"mode_back\":\"slave\",\"mode_front\":7,\"master_uuid_front\":1,"
+                            "\"master_threshold_front\":0.5}\n"
+                            "add sync/master \"0A7C31\\u001b]0;owned\\u0007\"\n"
+                            "add sync/errors/-9 {\"txt\":\"red \\u001b[31m\\u009b2J " +
+                            longText +
+                            "\",\"info\":[1]}\n"
+                            "add sync/errors/not-a-number 17\n"));
+    std::string line;
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_TRUE(owner.readLine(line));
+        ASSERT_EQ(line, "ok");
+    }
+
+    ChildProcess status({testsupport::binDir() + "/tsdctl", "--port", port, "status"});
+    const std::string out = status.readAll();
+    EXPECT_EQ(status.wait(), 1) << out;
+    EXPECT_EQ(out.find('\x1b'), std::string::npos) << out;
+    EXPECT_EQ(out.find("\xc2\x9b"), std::string::npos) << out;
+    EXPECT_EQ(out.find('\x07'), std::string::npos) << out;
+    EXPECT_TRUE(has(out, "Rear mode       : not readable\n")) << out;
+    EXPECT_TRUE(has(out, "Front mode      : 7\nFront master    : 0A7C31000001\n")) << out;
+    EXPECT_TRUE(has(out, "Chain master    : 0A7C31\\x1B]0;owned\\x07\n")) << out;
+    EXPECT_TRUE(has(out, "Error -9        : red \\x1B[31m\\xC2\\x9B2J xxx")) << out;
+    EXPECT_TRUE(has(out, "xxx...\n")) << out;
+    EXPECT_LT(out.size(), 2000u) << "the long text is cut";
+    EXPECT_TRUE(has(out, "Error not-a-number: \n") || has(out, "Error not-a-number : \n")) << out;
+    EXPECT_TRUE(has(out, "Status          : warning (2 active errors)\n")) << out;
+
+    ChildProcess json({testsupport::binDir() + "/tsdctl", "--port", port, "status", "--json"});
+    const Json::Value parsed = parse(json.readAll());
+    EXPECT_EQ(json.wait(), 1);
+    EXPECT_TRUE(parsed["rear"]["mode"].isNull());
+    EXPECT_EQ(parsed["errors"].size(), 2u);
+    EXPECT_EQ(parsed["errors"][0]["code"].asString(), "-9") << "numbers first";
 }
