@@ -406,6 +406,11 @@ TEST_F(DebianPackages, InstalledUnitsGetTheirSandboxScores)
         EXPECT_EQ(score.status, 0) << score.text;
         EXPECT_NE(score.text.find("Overall exposure level for " + std::string(unit)), std::string::npos);
     }
+    // The unit parses without a complaint, and what it names is installed:
+    // the program and the manual pages of Documentation=.
+    Output verify = root.run("systemd-analyze verify /lib/systemd/system/tsd.service");
+    EXPECT_EQ(verify.status, 0) << verify.text;
+    EXPECT_EQ(verify.text, "");
     // tsd runs as root for its scripts; everything else is fenced off. The
     // figure it reached when the sandbox was written is 2.2; the threshold is
     // on the tool's scale of 0 to 100 (2.5 shown as 25).
