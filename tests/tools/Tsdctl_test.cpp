@@ -310,3 +310,30 @@ TEST(TsdctlHostileStates, AreShownEscapedCutAndWithoutCrash)
     EXPECT_EQ(parsed["errors"].size(), 2u);
     EXPECT_EQ(parsed["errors"][0]["code"].asString(), "-9") << "numbers first";
 }
+
+// watch keeps going when the broker goes away and says so, and says so again
+// when it is back.
+TEST(TsdctlWatch, ReportsTheBusLostAndBack)
+{
+    auto velad = std::make_unique<testsupport::LocalVelad>(std::vector<std::string>{"--quiet"});
+    const std::uint16_t port = velad->port();
+    ASSERT_NE(port, 0);
+    ChildProcess watch({testsupport::binDir() + "/tsdctl", "--port", std::to_string(port), "watch", "--json"});
+    std::string line;
+    ASSERT_TRUE(watch.readLine(line, 10s));
+    EXPECT_EQ(parse(line)["change"].asString(), "bus") << line;
+    EXPECT_TRUE(parse(line)["reachable"].asBool()) << line;
+    ASSERT_TRUE(watch.readLine(line, 10s));
+    EXPECT_EQ(parse(line)["change"].asString(), "daemonGone") << "no daemon states yet: " << line;
+    ASSERT_TRUE(watch.readLine(line, 10s));
+    EXPECT_EQ(parse(line)["change"].asString(), "timeService") << line;
+
+    velad.reset();
+    ASSERT_TRUE(watch.readLine(line, 10s));
+    EXPECT_EQ(line.find("{\"change\":\"bus\",\"reachable\":false,\"time\":"), 0u) << line;
+
+    velad = std::make_unique<testsupport::LocalVelad>(std::vector<std::string>{"--quiet"}, port);
+    ASSERT_TRUE(watch.readLine(line, 15s));
+    EXPECT_EQ(line.find("{\"change\":\"bus\",\"reachable\":true,\"time\":"), 0u) << line;
+    EXPECT_EQ(watch.signalAndWait(SIGINT), 0);
+}
