@@ -301,3 +301,28 @@ TEST_F(Scripts, NtpStartFailsWithoutItsFile)
 {
     EXPECT_EQ(run(env() + kScripts + "/start_ntpd.sh 2>/dev/null"), 1);
 }
+
+// TSD_SCRIPT_DIR is one setting: the daemon's command lines and the install
+// rules take it from the same place, and only a plain absolute path gets in
+// (the daemon pastes it into shell command lines).
+TEST(ScriptDirectory, IsOneSettingForTheDaemonAndTheInstallAndMustBePlain)
+{
+    const std::string dir = PrivateMounts::scratchDir("script-dir");
+    const std::string configure = std::string(TSD_CMAKE_COMMAND) + " -S " + kSource + " -B " + dir +
+                                  "/build -DTSD_BUILD_TESTS=OFF -DTSD_BUILD_BENCH=OFF -DTSD_BUILD_FUZZ=OFF";
+    for (const char* bad : {"bin", "/bin/", "/opt/tsd scripts", "/bin;reboot", "/opt/$(id)", "/opt//x"}) {
+        SCOPED_TRACE(bad);
+        const std::string log = dir + "/bad.log";
+        EXPECT_NE(run(configure + " '-DTSD_SCRIPT_DIR=" + bad + "' > " + log + " 2>&1"), 0);
+        EXPECT_NE(readFile(log).find("TSD_SCRIPT_DIR must be an absolute path"), std::string::npos)
+            << readFile(log);
+        ::unlink((dir + "/build/CMakeCache.txt").c_str());
+    }
+
+    const std::string log = dir + "/good.log";
+    ASSERT_EQ(run(configure + " -DTSD_SCRIPT_DIR=/opt/tsd-1.0/scripts > " + log + " 2>&1"), 0) << readFile(log);
+    EXPECT_NE(readFile(dir + "/build/src/CMakeFiles/tsdcore.dir/flags.make")
+                  .find("-DTSD_SCRIPT_DIR=\\\"/opt/tsd-1.0/scripts\\\""),
+              std::string::npos);
+    EXPECT_NE(readFile(dir + "/build/packaging/cmake_install.cmake").find("/opt/tsd-1.0/scripts"), std::string::npos);
+}
