@@ -9,6 +9,8 @@
 
 #include "ModuleSandbox.h"
 #include "config/ConfigParams.h"
+#include "sync/NtpManage.h"
+#include "sync/PTPManage.h"
 #include "testsupport/PrivateMounts.h"
 
 using scripttest::kSource;
@@ -16,6 +18,12 @@ using scripttest::readFile;
 using testsupport::PrivateMounts;
 
 namespace {
+
+bool isFile(const std::string& path)
+{
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
 
 bool isExecutableFile(const std::string& path)
 {
@@ -97,6 +105,68 @@ TEST(Install, PutsEveryFileWhereTheModuleExpectsIt)
     for (const char* library : {"liborv.so.1", "libvelapeerasync.so.1"}) {
         EXPECT_EQ(run("find " + root + " -name " + library + " | grep -q ."), 0) << library;
     }
+
+    // The daemon runs its scripts from where they were installed.
+    EXPECT_EQ(std::string(orv::tsd::PTPManage::kStartCommand), std::string(TSD_SCRIPT_DIR) + "/ptp4ladm.sh start");
+    EXPECT_EQ(std::string(orv::tsd::NtpManage::kStartCommand), std::string(TSD_SCRIPT_DIR) + "/start_ntpd.sh &");
+    EXPECT_EQ(std::string(orv::tsd::NtpManage::kStopCommand), std::string(TSD_SCRIPT_DIR) + "/stop_ntpd.sh");
+    EXPECT_TRUE(isExecutableFile(root + TSD_SCRIPT_DIR + "/ptp4ladm.sh"));
+    if (std::string(TSD_SCRIPT_DIR) == "/bin") {
+        EXPECT_STREQ(orv::tsd::PTPManage::kStopCommand, "/bin/ptp4ladm.sh stop");
+        EXPECT_STREQ(orv::tsd::NtpManage::kStartCommand, "/bin/start_ntpd.sh &");
+    }
+
+    // Installed programs find their libraries in the system's directory, not
+    // through a path relative to themselves.
+    for (const std::string& program : {tsd, velad, std::string("/usr/bin/tsdctl"), std::string("/usr/bin/vela")}) {
+        EXPECT_NE(run("readelf -d " + root + program + " | grep -q -E 'RPATH|RUNPATH'"), 0) << program;
+    }
+
+    // Everything a program built elsewhere needs: every public header, the
+    // pkg-config files and the CMake packages.
+    for (const char* header : {"orv/sys/EventLoop.h", "orv/sys/Timer.h", "orv/sys/PidFile.h",
+                               "orv/communication/MulticastServer.h", "orv/communication/Netadapter.h",
+                               "orv/communication/NetadapterList.h", "orv/communication/Netlink.h",
+                               "orv/exception/exception.h", "orv/string/split.h", "vela/PeerAsync.h"}) {
+        EXPECT_TRUE(isFile(root + "/usr/include/" + header)) << header;
+    }
+    for (const char* file : {"pkgconfig/orv.pc", "pkgconfig/velapeerasync.pc", "cmake/orv/orvConfig.cmake",
+                             "cmake/orv/orvTargets.cmake", "cmake/velapeerasync/velapeerasyncConfig.cmake",
+                             "cmake/velapeerasync/velapeerasyncConfigVersion.cmake"}) {
+        EXPECT_EQ(run("find " + root + "/usr/lib -path '*/" + file + "' | grep -q ."), 0) << file;
+    }
+    EXPECT_NE(readFile(root + "/usr/lib/" + TSD_LIBRARY_ARCHITECTURE + "/pkgconfig/velapeerasync.pc")
+                  .find("Requires: orv jsoncpp"),
+              std::string::npos);
+
+    // Every manual page, in the section its suffix names.
+    for (const char* page : {"man8/tsd.8", "man1/tsdctl.1", "man1/tsdsim.1", "man5/TimeSourceDaemonConfig.xml.5",
+                             "man5/tsd-defaults.5"}) {
+        EXPECT_TRUE(isFile(root + "/usr/share/man/" + page)) << page;
+    }
+    // The simulator finds the programs beside itself.
+    for (const char* program : {"tsdsim", "tsd", "velad", "vela"}) {
+        EXPECT_TRUE(isExecutableFile(root + "/usr/libexec/tsdsim/" + program)) << program;
+    }
+}
+
+TEST(Install, ASecondInstallKeepsTheModulesConfiguration)
+{
+    std::string root = PrivateMounts::scratchDir("reinstall-root");
+    const std::string install = "DESTDIR=" + root + " " + TSD_CMAKE_COMMAND + " --install " + TSD_BINARY_DIR;
+    ASSERT_EQ(run(install + " > " + root + ".log 2>&1"), 0) << readFile(root + ".log");
+    ASSERT_TRUE(PrivateMounts::writeFile(root + "/etc/default/tsd", "UUID=00ABCD\nTSD_OPTIONS=-d\n"));
+    ASSERT_TRUE(PrivateMounts::writeFile(root + "/etc/TimeSourceDaemonConfig.xml", "<TimeSyncDaemon/>\n"));
+
+    ASSERT_EQ(run(install + " > " + root + ".log 2>&1"), 0) << readFile(root + ".log");
+    EXPECT_EQ(readFile(root + "/etc/default/tsd"), "UUID=00ABCD\nTSD_OPTIONS=-d\n");
+    EXPECT_EQ(readFile(root + "/etc/TimeSourceDaemonConfig.xml"), "<TimeSyncDaemon/>\n");
+    // The shipped versions wait beside them, and the install says so.
+    EXPECT_EQ(readFile(root + "/etc/default/tsd.dist"), readFile(kSource + "/packaging/config/tsd.default"));
+    EXPECT_EQ(readFile(root + "/etc/TimeSourceDaemonConfig.xml.dist"),
+              readFile(kSource + "/packaging/config/TimeSourceDaemonConfig.xml"));
+    EXPECT_NE(readFile(root + ".log").find("Keeping: " + root + "/etc/default/tsd"), std::string::npos)
+        << readFile(root + ".log");
 }
 
 // fwdevd and tsdparamd: their units start before tsd and tell when they are
@@ -144,4 +214,29 @@ TEST(ExampleConfiguration, IsReadAsDocumented)
     EXPECT_EQ(cfg.getPrioLevel("RZ"), 10u);
     EXPECT_EQ(cfg.getPrioLevel("Ptp"), 5u);
     EXPECT_EQ(cfg.getPrioLevel("Ntp"), 3u);
+}
+
+// TSD_SCRIPT_DIR is one setting: the daemon's command lines and the install
+// rules take it from the same place, and only a plain absolute path gets in
+// (the daemon pastes it into shell command lines).
+TEST(ScriptDirectory, IsOneSettingForTheDaemonAndTheInstallAndMustBePlain)
+{
+    const std::string dir = PrivateMounts::scratchDir("script-dir");
+    const std::string configure = std::string(TSD_CMAKE_COMMAND) + " -S " + kSource + " -B " + dir +
+                                  "/build -DTSD_BUILD_TESTS=OFF -DTSD_BUILD_BENCH=OFF -DTSD_BUILD_FUZZ=OFF";
+    for (const char* bad : {"bin", "/bin/", "/opt/tsd scripts", "/bin;reboot", "/opt/$(id)", "/opt//x"}) {
+        SCOPED_TRACE(bad);
+        const std::string log = dir + "/bad.log";
+        EXPECT_NE(run(configure + " '-DTSD_SCRIPT_DIR=" + bad + "' > " + log + " 2>&1"), 0);
+        EXPECT_NE(readFile(log).find("TSD_SCRIPT_DIR must be an absolute path"), std::string::npos)
+            << readFile(log);
+        ::unlink((dir + "/build/CMakeCache.txt").c_str());
+    }
+
+    const std::string log = dir + "/good.log";
+    ASSERT_EQ(run(configure + " -DTSD_SCRIPT_DIR=/opt/tsd-1.0/scripts > " + log + " 2>&1"), 0) << readFile(log);
+    EXPECT_NE(readFile(dir + "/build/src/CMakeFiles/tsdcore.dir/flags.make")
+                  .find("-DTSD_SCRIPT_DIR=\\\"/opt/tsd-1.0/scripts\\\""),
+              std::string::npos);
+    EXPECT_NE(readFile(dir + "/build/packaging/cmake_install.cmake").find("/opt/tsd-1.0/scripts"), std::string::npos);
 }
