@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "tsdsim/IoThread.h"
+#include "tsdsim/LoopThread.h"
 
 namespace tsdsim {
 
@@ -16,7 +16,7 @@ constexpr std::size_t kMaxFrame = 65536;
 constexpr std::size_t kMacLength = 6;
 }  // namespace
 
-Bus::Bus(IoThread& io, std::string name, int index)
+Bus::Bus(LoopThread& io, std::string name, int index)
     : m_io(io),
       m_name(std::move(name)),
       m_index(index),
@@ -27,15 +27,16 @@ Bus::Bus(IoThread& io, std::string name, int index)
 
 Bus::~Bus()
 {
+    // On the loop's thread, so that no delayed copy is running while the
+    // token goes, and none that runs later gets past it.
+    m_io.invoke([this] { *m_alive = nullptr; });
     std::vector<int> ids;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        *m_alive = nullptr;
         for (const auto& p : m_ports) {
             ids.push_back(p.id);
         }
     }
-    m_io.sync();
     for (int id : ids) {
         detach(id);
     }

@@ -55,7 +55,7 @@ World::World(const Options& options) : m_options(options), m_start(std::chrono::
         const char* env = std::getenv("TSDSIM_BIN_DIR");
         m_binDir = env && *env ? env : ownDirectory();
     }
-    m_io = std::make_unique<IoThread>();
+    m_io = std::make_unique<LoopThread>();
 }
 
 World::~World()

@@ -40,7 +40,7 @@ class World;
 // scripts.log the recorder's log). Times are seconds since the world began.
 //
 // Threads: the controlling thread (the one that made the World) calls every
-// function; the world's IoThread feeds the recorded states, events and
+// function; the world's LoopThread feeds the recorded states, events and
 // syslog lines, which the getters return as copies.
 class Module
 {
@@ -188,7 +188,7 @@ private:
     bool m_paramPublished = false;
     std::set<std::string> m_reachable;
 
-    // Filled by the IoThread, read by the controlling thread.
+    // Filled on the LoopThread, read by the controlling thread.
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     std::string m_publisherBuffer;

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "tsdsim/Bus.h"
-#include "tsdsim/IoThread.h"
+#include "tsdsim/LoopThread.h"
 #include "tsdsim/Module.h"
 #include "tsdsim/ModuleSetup.h"
 
@@ -53,7 +53,7 @@ namespace tsdsim {
 //
 // Threads: make the World and call it from one thread, and keep that thread
 // alive as long as the World (children die with the thread that forked
-// them). The world runs one IoThread of its own for the relay and monitors.
+// them). The world runs one LoopThread of its own for the relay and monitors.
 class World
 {
 public:
@@ -76,7 +76,7 @@ public:
     const std::string& prefix() const { return m_prefix; }
     const std::string& dir() const { return m_dir; }
     const std::string& binDir() const { return m_binDir; }
-    IoThread& io() { return *m_io; }
+    LoopThread& io() { return *m_io; }
     std::chrono::steady_clock::time_point startTime() const { return m_start; }
     // Seconds since the world began.
     double now() const;
@@ -123,7 +123,7 @@ private:
     std::string m_dir;
     std::string m_binDir;
     std::chrono::steady_clock::time_point m_start;
-    std::unique_ptr<IoThread> m_io;
+    std::unique_ptr<LoopThread> m_io;
     std::vector<std::unique_ptr<Bus>> m_buses;
     std::vector<std::unique_ptr<Module>> m_modules;
 };
