@@ -37,7 +37,7 @@ std::string ownDirectory()
 
 World::World() : World(Options{}) {}
 
-World::World(const Options& options) : m_options(options), m_start(std::chrono::steady_clock::now())
+World::World(const Options& options) : m_options(options)
 {
     // A publisher that died leaves a pipe without reader; writing to it must
     // fail with EPIPE, not end the simulator.
@@ -66,11 +66,6 @@ World::~World()
     m_io.reset();
     std::error_code ec;
     std::filesystem::remove_all(m_dir, ec);
-}
-
-double World::now() const
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - m_start).count();
 }
 
 Bus& World::addBus(const std::string& name)

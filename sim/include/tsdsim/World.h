@@ -12,6 +12,7 @@
 #include "tsdsim/LoopThread.h"
 #include "tsdsim/Module.h"
 #include "tsdsim/ModuleSetup.h"
+#include "tsdsim/SimClock.h"
 
 namespace tsdsim {
 
@@ -77,9 +78,10 @@ public:
     const std::string& dir() const { return m_dir; }
     const std::string& binDir() const { return m_binDir; }
     LoopThread& io() { return *m_io; }
-    std::chrono::steady_clock::time_point startTime() const { return m_start; }
-    // Seconds since the world began.
-    double now() const;
+    // The time base of every record: seconds since the world began.
+    const SimClock& clock() const { return m_clock; }
+    std::chrono::steady_clock::time_point startTime() const { return m_clock.start(); }
+    double now() const { return m_clock.now(); }
 
     Bus& addBus(const std::string& name);
     Bus* findBus(const std::string& name);
@@ -122,7 +124,7 @@ private:
     std::string m_prefix;
     std::string m_dir;
     std::string m_binDir;
-    std::chrono::steady_clock::time_point m_start;
+    SimClock m_clock;
     std::unique_ptr<LoopThread> m_io;
     std::vector<std::unique_ptr<Bus>> m_buses;
     std::vector<std::unique_ptr<Module>> m_modules;
