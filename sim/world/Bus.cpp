@@ -138,6 +138,12 @@ Bus::Stats Bus::stats() const
     return m_stats;
 }
 
+void Bus::setFrameTap(FrameTap tap)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_tap = std::move(tap);
+}
+
 void Bus::onReadable(int portId)
 {
     std::vector<unsigned char> frame(kMaxFrame);
@@ -183,6 +189,9 @@ void Bus::deliver(int fromId, const std::vector<unsigned char>& frame)
         if (from && from->cut) {
             ++m_stats.cut;
             return;
+        }
+        if (m_tap) {
+            m_tap(Frame{std::chrono::steady_clock::now(), fromId, frame});
         }
         std::uniform_real_distribution<double> uniform(0.0, 1.0);
         for (const auto& p : m_ports) {

@@ -18,8 +18,8 @@ bool parseJson(const std::string& text, Json::Value& out)
 
 }  // namespace
 
-BusObserver::BusObserver(LoopThread& io, SimClock clock)
-    : m_clock(clock), m_reader(std::make_unique<LineReader>(io))
+BusObserver::BusObserver(LoopThread& io, SimClock clock, std::function<void()> onRecord)
+    : m_clock(clock), m_onRecord(std::move(onRecord)), m_reader(std::make_unique<LineReader>(io))
 {
 }
 
@@ -45,6 +45,14 @@ void BusObserver::forgetStates()
 }
 
 void BusObserver::record(const std::vector<std::string>& lines)
+{
+    store(lines);
+    if (m_onRecord) {
+        m_onRecord();
+    }
+}
+
+void BusObserver::store(const std::vector<std::string>& lines)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     for (const std::string& line : lines) {

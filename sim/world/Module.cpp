@@ -18,9 +18,9 @@ Module::Module(World& world, const ModuleSetup& setup, int index)
       m_setup(setup),
       m_index(index),
       m_files(world.dir() + "/" + setup.name, setup, world.clock()),
-      m_syslog(world.io(), world.clock(), m_files.logSocket()),
+      m_syslog(world.io(), world.clock(), m_files.logSocket(), [&world] { world.notifyChange(); }),
       m_sandbox(setup.name, m_files),
-      m_observer(world.io(), world.clock()),
+      m_observer(world.io(), world.clock(), [&world] { world.notifyChange(); }),
       m_publisher(world.io(), setup.param),
       m_processes(m_sandbox)
 {

@@ -15,8 +15,9 @@
 
 namespace tsdsim {
 
-ModuleSyslog::ModuleSyslog(LoopThread& io, SimClock clock, const std::string& socketPath)
-    : m_io(io), m_clock(clock)
+ModuleSyslog::ModuleSyslog(LoopThread& io, SimClock clock, const std::string& socketPath,
+                           std::function<void()> onLine)
+    : m_io(io), m_clock(clock), m_onLine(std::move(onLine))
 {
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
@@ -102,12 +103,15 @@ void ModuleSyslog::onReadable()
     for (;;) {
         ssize_t n = ::recv(m_fd, buf, sizeof buf - 1, 0);
         if (n <= 0) {
-            return;
+            break;
         }
         Line line = parse(std::string(buf, static_cast<std::size_t>(n)));
         line.time = m_clock.now();
         std::lock_guard<std::mutex> lock(m_mutex);
         m_lines.push_back(std::move(line));
+    }
+    if (m_onLine) {
+        m_onLine();
     }
 }
 

@@ -211,18 +211,38 @@ void World::maintain()
     }
 }
 
+void World::notifyChange()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_changeMutex);
+        ++m_changes;
+    }
+    m_changed.notify_all();
+}
+
 bool World::waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
 {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
+    // Files (scripts.log, /run) and processes change without a notice: look
+    // at least this often.
+    constexpr std::chrono::milliseconds kLookAgain{50};
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
+        // Counted before the look, so that a change during it is not slept over.
+        std::uint64_t seen;
+        {
+            std::lock_guard<std::mutex> lock(m_changeMutex);
+            seen = m_changes;
+        }
         if (condition()) {
             return true;
         }
-        if (std::chrono::steady_clock::now() >= deadline || g_stopRequested) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= deadline || g_stopRequested) {
             return false;
         }
         maintain();
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        std::unique_lock<std::mutex> lock(m_changeMutex);
+        m_changed.wait_until(lock, std::min(deadline, now + kLookAgain), [&] { return m_changes != seen; });
     }
 }
 

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -37,6 +38,18 @@ public:
         std::uint64_t cut = 0;         // frames or copies stopped at a cut port
     };
 
+    // A frame as a port sent it into the bus (destination already broadcast),
+    // before loss, duplication and delay: what a capture of the bus shows.
+    // Frames of cut ports never enter the bus and are not seen.
+    struct Frame
+    {
+        std::chrono::steady_clock::time_point time;  // when the relay read it
+        int portId;
+        const std::vector<unsigned char>& bytes;
+    };
+    // Runs on the loop thread for every frame; must not block or call into the bus.
+    using FrameTap = std::function<void(const Frame& frame)>;
+
     Bus(LoopThread& io, std::string name, int index);
     ~Bus();
     Bus(const Bus&) = delete;
@@ -66,6 +79,9 @@ public:
 
     Stats stats() const;
 
+    // Sees every frame from now on (one tap per bus; an empty one removes it).
+    void setFrameTap(FrameTap tap);
+
 private:
     struct Port
     {
@@ -91,6 +107,7 @@ private:
     double m_duplicate = 0.0;
     std::chrono::milliseconds m_delay{0};
     Stats m_stats;
+    FrameTap m_tap;
     std::mt19937 m_random;
     // Delayed copies hold this token; once the bus is going it is null and
     // they are discarded instead of touching a destroyed bus. Read and

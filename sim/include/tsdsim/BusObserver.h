@@ -2,6 +2,7 @@
 
 #include <json/value.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -35,7 +36,9 @@ public:
         Json::Value value;
     };
 
-    BusObserver(LoopThread& io, SimClock clock);
+    // onRecord runs on the loop thread after each batch of events, outside the
+    // observer's lock (the world wakes its waiters with it).
+    BusObserver(LoopThread& io, SimClock clock, std::function<void()> onRecord = {});
     ~BusObserver();
     BusObserver(const BusObserver&) = delete;
     BusObserver& operator=(const BusObserver&) = delete;
@@ -54,8 +57,11 @@ public:
 private:
     // On the loop thread, for each batch of the watcher's lines.
     void record(const std::vector<std::string>& lines);
+    // The part of record() under the lock.
+    void store(const std::vector<std::string>& lines);
 
     SimClock m_clock;
+    std::function<void()> m_onRecord;
     std::unique_ptr<LineReader> m_reader;
     mutable std::mutex m_mutex;  // guards the two below
     std::map<std::string, Json::Value> m_states;

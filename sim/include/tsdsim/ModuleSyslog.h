@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -31,7 +32,10 @@ public:
 
     // Binds socketPath (world-writable) and starts reading. Throws
     // std::runtime_error.
-    ModuleSyslog(LoopThread& io, SimClock clock, const std::string& socketPath);
+    // onLine runs on the loop thread after each batch of lines (the world
+    // wakes its waiters with it).
+    ModuleSyslog(LoopThread& io, SimClock clock, const std::string& socketPath,
+                 std::function<void()> onLine = {});
     ~ModuleSyslog();
     ModuleSyslog(const ModuleSyslog&) = delete;
     ModuleSyslog& operator=(const ModuleSyslog&) = delete;
@@ -48,6 +52,7 @@ private:
 
     LoopThread& m_io;
     SimClock m_clock;
+    std::function<void()> m_onLine;
     int m_fd = -1;
     mutable std::mutex m_mutex;  // guards m_lines
     std::vector<Line> m_lines;

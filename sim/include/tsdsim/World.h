@@ -2,8 +2,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -111,8 +114,13 @@ public:
 
     // Keeps publishers and watchers alive across velad restarts.
     void maintain();
-    // Polls condition (calling maintain()) until it holds or timeout passes.
+    // Evaluates condition whenever a module recorded something new (a bus
+    // event, a syslog line) and at least every 50 ms, calling maintain() in
+    // between, until it holds or timeout passes.
     bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
+    // Called from any thread (the modules' observers, on the loop thread)
+    // when something was recorded: wakes waitFor().
+    void notifyChange();
 
     // For programs: SIGINT/SIGTERM set a flag instead of killing the process,
     // so that the world's destructor still cleans up.
@@ -128,6 +136,9 @@ private:
     std::unique_ptr<LoopThread> m_io;
     std::vector<std::unique_ptr<Bus>> m_buses;
     std::vector<std::unique_ptr<Module>> m_modules;
+    std::mutex m_changeMutex;  // guards m_changes
+    std::condition_variable m_changed;
+    std::uint64_t m_changes = 0;
 };
 
 }  // namespace tsdsim
