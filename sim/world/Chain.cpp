@@ -11,7 +11,7 @@
 #include <set>
 #include <sstream>
 
-#include "tsdsim/ModuleFiles.h"
+#include "tsdsim/ScriptRecorder.h"
 
 namespace tsdsim {
 
@@ -251,7 +251,7 @@ std::string checkEvent(const Chain& chain, const Chain::Event& e)
         if (!err.empty()) {
             return err;
         }
-        const auto& scripts = ModuleFiles::scriptNames();
+        const auto& scripts = ScriptRecorder::scriptNames();
         if (std::find(scripts.begin(), scripts.end(), w[2]) == scripts.end()) {
             return "script: unknown script '" + w[2] + "'";
         }

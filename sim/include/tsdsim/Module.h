@@ -16,6 +16,7 @@
 #include "tsdsim/ModuleSetup.h"
 #include "tsdsim/ModuleSyslog.h"
 #include "tsdsim/Publisher.h"
+#include "tsdsim/ScriptRecorder.h"
 
 namespace tsdsim {
 
@@ -24,7 +25,9 @@ class World;
 
 // One simulated module, put together from its parts:
 //   - ModuleFiles     its directory on the host: configuration, device tree,
-//                     time-service scripts, /run, program output;
+//                     /run, program output, and where everything lies;
+//   - ScriptRecorder  the time-service scripts, as stand-ins that record
+//                     their calls;
 //   - ModuleSandbox   the holder process with its network and mount
 //                     namespaces, where those files appear as the daemon
 //                     expects, and its FireWire interfaces;
@@ -47,7 +50,7 @@ class Module
 public:
     using BusEvent = BusObserver::Event;
     using LogLine = ModuleSyslog::Line;
-    using ScriptCall = ModuleFiles::ScriptCall;
+    using ScriptCall = ScriptRecorder::Call;
 
     // Builds the files and the sandbox. Throws std::runtime_error on failure.
     Module(World& world, const ModuleSetup& setup, int index);
@@ -110,14 +113,14 @@ public:
     }
     std::vector<BusEvent> events() const { return m_observer.events(); }
     std::vector<LogLine> syslog() const { return m_syslog.lines(); }
-    std::vector<ScriptCall> scriptCalls() const { return m_files.scriptCalls(); }
+    std::vector<ScriptCall> scriptCalls() const { return m_scripts.calls(); }
     // What a program of the module wrote to stdout and stderr so far
     // ("tsd", "velad", "publisher", "watcher"), e.g. tsd's "SIGNAL NR. : 15".
     std::string output(const std::string& program) const { return m_files.output(program); }
     // A file under the module's /run, e.g. "timesync/ptp4l.cfg"; empty when absent.
     std::string runFile(const std::string& relative) const { return m_files.runFile(relative); }
     // Exit status the recorder script gives from now on (0 by default).
-    void setScriptStatus(const std::string& script, int status) { m_files.setScriptStatus(script, status); }
+    void setScriptStatus(const std::string& script, int status) { m_scripts.setStatus(script, status); }
 
     // Reaching into the module.
     // A socket (AF_INET, type) created in the module's network namespace.
@@ -135,6 +138,7 @@ public:
 
     // The parts.
     ModuleFiles& files() { return m_files; }
+    ScriptRecorder& scripts() { return m_scripts; }
     const ModuleSandbox& sandbox() const { return m_sandbox; }
     ModuleProcesses& processes() { return m_processes; }
     Publisher& publisher() { return m_publisher; }
@@ -158,6 +162,7 @@ private:
     // before the observer and the publisher they report to, and everything
     // inside goes before the sandbox's holder.
     ModuleFiles m_files;
+    ScriptRecorder m_scripts;
     ModuleSyslog m_syslog;
     ModuleSandbox m_sandbox;
     BusObserver m_observer;
