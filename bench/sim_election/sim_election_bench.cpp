@@ -2,30 +2,39 @@
 // agree on a master after start and after the master is unplugged, how much
 // of that the protocol itself prescribes, and how fast the simulated bus
 // relays frames. Prints tables; needs root and the daemon, broker and client
-// built beside it.
+// built beside it. --trace adds every telegram and the critical path.
 //
 //   sim_election_bench [--sizes 2,4,8,16,32,64] [--frames 20000] [--trace]
 //
 // What the protocol prescribes. A daemon restarts its election 3000 ms after
-// the last change of its reachable devices and then sends "start"; every
-// daemon answers every "start" it receives (its own included) with an "item",
-// after a back-off of rand() % 200 ms for which it seeds the generator with
-// srand(time(nullptr)) on every answer. Answers are made one after the other
-// (the back-off blocks the daemon), and a daemon's list is complete once it
-// has an item of every module after the last "start" it answered. With no
-// time lost anywhere else, every daemon learns of the change at once, all
-// "start"s arrive together 3000 ms later, and each daemon answers them back
-// to back; the election is over when the last daemon has answered its last
-// one: 3000 ms plus the sum of that daemon's back-offs. The back-offs are
-// known from the seeding rule: the bench watches the bus, takes the second in
-// which each answer's back-off began from the answer's time, and draws the
-// same number the daemon drew. Modules answering in the same second draw the
-// same back-off. Everything the run took beyond that is the implementation's
-// overhead: starting the daemons, the bus, the relay, the daemons' own work
-// between back-offs, and seeing the result.
+// the last change of its reachable devices (and at once on its first
+// parameters, as it starts) and sends "start"; every daemon answers every
+// request it receives, its own included, with an "item" after a back-off of
+// rand() % 200 ms, for which it seeds the generator with srand(time(nullptr))
+// on every answer, so modules answering in the same second draw the same
+// back-off. The back-off blocks the daemon: requests wait for it, and so do
+// its timers and bus notifications. A daemon's list is complete once it has
+// an item of every module after the last request it answered.
+//
+// The bench captures every telegram as it leaves a module (kernel time
+// stamps), infers each answer's back-off from the second it began in (the
+// bench draws the same number the daemon drew), and traces the election's
+// critical path back from the module that showed its result last: through
+// back-offs, requests that waited for them, and 3000 ms waits. The waits and
+// back-offs on that path are what the protocol prescribes for this run;
+// everything else is the implementation's overhead: starting the daemons,
+// the bus, the relay, the daemons' own work between back-offs, their scripts,
+// and seeing the result.
 #include <arpa/inet.h>
+#include <linux/filter.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -37,6 +46,7 @@
 #include <cstring>
 #include <ctime>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -65,15 +75,20 @@ double msBetween(Clock::time_point from, Clock::time_point to)
     return std::chrono::duration<double, std::milli>(to - from).count();
 }
 
-// Wall-clock milliseconds of a steady time point, for the seconds the
-// daemons seed their back-off with.
+// Wall-clock milliseconds and steady time points, one fixed offset apart.
+const Clock::time_point kSteadyRef = Clock::now();
+const double kWallRef =
+    std::chrono::duration<double, std::milli>(std::chrono::system_clock::now().time_since_epoch()).count();
+
 double wallMs(Clock::time_point t)
 {
-    static const auto steadyRef = Clock::now();
-    static const double wallRef =
-        std::chrono::duration<double, std::milli>(std::chrono::system_clock::now().time_since_epoch())
-            .count();
-    return wallRef + msBetween(steadyRef, t);
+    return kWallRef + msBetween(kSteadyRef, t);
+}
+
+Clock::time_point steadyOf(double wallMs)
+{
+    return kSteadyRef + std::chrono::duration_cast<Clock::duration>(
+                            std::chrono::duration<double, std::milli>(wallMs - kWallRef));
 }
 
 // The back-off a daemon draws in a given second.
@@ -83,48 +98,101 @@ int backoffInSecond(long long second)
     return std::rand() % kBackoffRangeMs;
 }
 
-// The UDP payload of a frame the relay carries (a link header of two
-// addresses and a type, IPv4, UDP); empty for anything else.
-std::string udpPayload(const std::vector<unsigned char>& f)
+// The UDP payload of a frame as the FireWire interface sends it (a link
+// header of two addresses and a type, IPv4, UDP); empty for anything else.
+std::string udpPayload(const unsigned char* f, std::size_t size)
 {
     constexpr std::size_t kLinkHeader = 14;
-    if (f.size() < kLinkHeader + 20 + 8 || f[12] != 0x08 || f[13] != 0x00 || (f[kLinkHeader] >> 4) != 4 ||
+    if (size < kLinkHeader + 20 + 8 || f[12] != 0x08 || f[13] != 0x00 || (f[kLinkHeader] >> 4) != 4 ||
         f[kLinkHeader + 9] != IPPROTO_UDP) {
         return {};
     }
     const std::size_t ipHeader = static_cast<std::size_t>(f[kLinkHeader] & 0x0f) * 4;
     const std::size_t start = kLinkHeader + ipHeader + 8;
-    return start <= f.size() ? std::string(f.begin() + static_cast<long>(start), f.end()) : std::string();
+    return start <= size ? std::string(f + start, f + size) : std::string();
 }
 
-// Every telegram the bus carried, with the module that sent it.
+// Every telegram a daemon sent, stamped by the kernel as it left the module's
+// FireWire interface (a packet socket inside each module that sees only what
+// the interface sends). The relay's own time would be later whenever it has
+// many copies to make, and the back-offs are read from these times.
 class TelegramLog
 {
 public:
     struct Telegram
     {
         Clock::time_point time;
+        double wallMs;     // the same on the wall clock
         int module;        // index into the world's modules
         std::string kind;  // "start", "resync", "item"
     };
 
-    void watch(tsdsim::Bus& bus, const std::map<int, int>& moduleOfPort)
+    TelegramLog() : m_epoll(::epoll_create1(EPOLL_CLOEXEC)), m_stop(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
     {
-        bus.setFrameTap([this, moduleOfPort](const tsdsim::Bus::Frame& frame) {
-            const std::string text = udpPayload(frame.bytes);
-            if (text.rfind("<sync>:", 0) != 0) {
-                return;
-            }
-            const std::size_t end = text.find(':', 7);
-            const auto it = moduleOfPort.find(frame.portId);
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_telegrams.push_back(
-                {frame.time, it == moduleOfPort.end() ? -1 : it->second, text.substr(7, end - 7)});
-        });
+        epoll_event ev{};
+        ev.events = EPOLLIN;
+        ev.data.u32 = kStopTag;
+        ::epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_stop, &ev);
     }
 
-    // Waits until the bus has carried no telegram for a while (the last
-    // answers of an election come after its result), at most timeout.
+    ~TelegramLog()
+    {
+        const std::uint64_t one = 1;
+        if (m_reader.joinable() && ::write(m_stop, &one, sizeof one) == sizeof one) {
+            m_reader.join();
+        }
+        for (int fd : m_fds) {
+            ::close(fd);
+        }
+        ::close(m_stop);
+        ::close(m_epoll);
+    }
+
+    TelegramLog(const TelegramLog&) = delete;
+    TelegramLog& operator=(const TelegramLog&) = delete;
+
+    // Captures what module (index) sends on its rear interface. Before start().
+    bool watch(const tsdsim::Module& module, int index)
+    {
+        const int fd = module.sandbox().openSocket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, htons(ETH_P_ALL));
+        if (fd < 0) {
+            return false;
+        }
+        m_fds.push_back(fd);
+        // Outgoing frames only: every module receives each telegram of the others.
+        sock_filter code[] = {
+            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<std::uint32_t>(SKF_AD_OFF + SKF_AD_PKTTYPE)),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_OUTGOING, 0, 1),
+            BPF_STMT(BPF_RET | BPF_K, 65535),
+            BPF_STMT(BPF_RET | BPF_K, 0),
+        };
+        sock_fprog filter{static_cast<unsigned short>(std::size(code)), code};
+        ifreq ifr{};
+        std::strncpy(ifr.ifr_name, tsdsim::interfaceName(tsdsim::Side::Rear), IFNAMSIZ - 1);
+        int on = 1;
+        if (::setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) != 0 ||
+            ::setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on) != 0 ||
+            ::ioctl(fd, SIOCGIFINDEX, &ifr) != 0) {
+            return false;
+        }
+        sockaddr_ll at{};
+        at.sll_family = AF_PACKET;
+        at.sll_protocol = htons(ETH_P_ALL);
+        at.sll_ifindex = ifr.ifr_ifindex;
+        epoll_event ev{};
+        ev.events = EPOLLIN;
+        ev.data.u32 = static_cast<std::uint32_t>(index);
+        return ::bind(fd, reinterpret_cast<sockaddr*>(&at), sizeof at) == 0 &&
+               ::epoll_ctl(m_epoll, EPOLL_CTL_ADD, fd, &ev) == 0;
+    }
+
+    void start()
+    {
+        m_reader = std::thread([this] { read(); });
+    }
+
+    // Waits until no module has sent a telegram for a while (the last answers
+    // of an election come after its result), at most timeout.
     void waitQuiet(std::chrono::milliseconds quiet, std::chrono::milliseconds timeout) const
     {
         const auto deadline = Clock::now() + timeout;
@@ -148,10 +216,59 @@ public:
                 out.push_back(t);
             }
         }
+        std::sort(out.begin(), out.end(),
+                  [](const Telegram& a, const Telegram& b) { return a.time < b.time; });
         return out;
     }
 
 private:
+    static constexpr std::uint32_t kStopTag = 0xffffffff;
+
+    void read()
+    {
+        epoll_event events[64];
+        unsigned char frame[2048];
+        char control[CMSG_SPACE(sizeof(timespec))];
+        for (;;) {
+            const int n = ::epoll_wait(m_epoll, events, 64, -1);
+            for (int i = 0; i < n; ++i) {
+                if (events[i].data.u32 == kStopTag) {
+                    return;
+                }
+                const int module = static_cast<int>(events[i].data.u32);
+                const int fd = m_fds[static_cast<std::size_t>(module)];
+                for (;;) {
+                    iovec iov{frame, sizeof frame};
+                    msghdr msg{};
+                    msg.msg_iov = &iov;
+                    msg.msg_iovlen = 1;
+                    msg.msg_control = control;
+                    msg.msg_controllen = sizeof control;
+                    const ssize_t got = ::recvmsg(fd, &msg, 0);
+                    if (got <= 0) {
+                        break;
+                    }
+                    const std::string text = udpPayload(frame, static_cast<std::size_t>(got));
+                    const cmsghdr* c = CMSG_FIRSTHDR(&msg);
+                    if (text.rfind("<sync>:", 0) != 0 || !c || c->cmsg_type != SCM_TIMESTAMPNS) {
+                        continue;
+                    }
+                    timespec sent{};
+                    std::memcpy(&sent, CMSG_DATA(c), sizeof sent);
+                    const double wall =
+                        static_cast<double>(sent.tv_sec) * 1000.0 + static_cast<double>(sent.tv_nsec) / 1e6;
+                    const std::size_t end = text.find(':', 7);
+                    std::lock_guard<std::mutex> lock(m_mutex);
+                    m_telegrams.push_back({steadyOf(wall), wall, module, text.substr(7, end - 7)});
+                }
+            }
+        }
+    }
+
+    int m_epoll;
+    int m_stop;
+    std::vector<int> m_fds;  // by module index
+    std::thread m_reader;
     mutable std::mutex m_mutex;
     std::vector<Telegram> m_telegrams;
 };
@@ -172,24 +289,30 @@ struct Election
     double overheadMs() const { return observedMs - prescribedMs; }
 };
 
-// The critical path of an election, traced back through the telegrams on
-// the bus from the module that agreed last:
-//   - a daemon's list completes after an answer (the latest one before the
-//     module published its result);
-//   - an answer ends a back-off; the back-off began either right after the
-//     daemon's previous answer (it was busy, the request waited in its
-//     socket) or when the request that woke it arrived;
+// The critical path of an election, traced back through the telegrams from
+// the moment the module that agreed last showed its result:
+//   - a daemon's list completes after an answer (the latest one sent before
+//     that result);
+//   - a daemon answers every request it receives, in the order they came
+//     (so its last answers belong to the last requests); an answer ends a
+//     back-off, which began when the daemon took up that request: right
+//     after its previous answer if the request was already waiting (busy),
+//     else when the request arrived;
 //   - a "start" sent after a restart of the election on reachable devices
-//     ends a 3000 ms wait, which began when the sender had taken in the
-//     change: right after an answer of its own when it was busy then, else
-//     at the trigger (or at its start-up).
-// The path ends at a "start" on the daemon's first parameters (sent as the
-// daemon starts), at a resync, or at a wait that began idle.
+//     ends a 3000 ms wait. When the wait ran out during a back-off of its
+//     sender, the start follows that back-off's answer at once and the path
+//     goes on through the sender's back-offs; else the wait began when the
+//     sender took in the change, which again is right after an answer when
+//     it was in a back-off then, or at the trigger.
+// The path ends at the trigger, at a "start" on the daemon's first
+// parameters (sent as it starts), or at a resync. Whatever lies on the path
+// besides the back-offs and waits is overhead.
 class CriticalPath
 {
 public:
-    CriticalPath(const std::vector<TelegramLog::Telegram>& log, bool firstStartIsOnParameters, bool trace)
-        : m_trace(trace)
+    CriticalPath(const std::vector<TelegramLog::Telegram>& log, bool firstStartIsOnParameters, bool trace,
+                 Clock::time_point origin)
+        : m_trace(trace), m_origin(origin)
     {
         std::map<int, int> starts;
         for (const auto& t : log) {
@@ -200,14 +323,22 @@ public:
                 }
                 m_requests.push_back(r);
             } else if (t.kind == "item") {
-                m_answers[t.module].push_back(Answer{t.time, 0, t.time});
+                m_answers[t.module].push_back(Answer{t.time, 0, t.time, -1});
             }
         }
         for (auto& [module, answers] : m_answers) {
+            // Aligned from the end: a daemon that started late missed the first requests.
+            const long offset = static_cast<long>(m_requests.size()) - static_cast<long>(answers.size());
             for (std::size_t i = 0; i < answers.size(); ++i) {
-                answers[i].backoffMs =
-                    inferBackoff(answers[i].sent, i == 0 ? Clock::time_point() : answers[i - 1].sent);
-                answers[i].began = answers[i].sent - std::chrono::milliseconds(answers[i].backoffMs);
+                Answer& a = answers[i];
+                const long request = static_cast<long>(i) + offset;
+                a.request = request >= 0 ? static_cast<int>(request) : -1;
+                Clock::time_point notBefore = i == 0 ? Clock::time_point() : answers[i - 1].sent;
+                if (a.request >= 0) {
+                    notBefore = std::max(notBefore, m_requests[static_cast<std::size_t>(a.request)].time);
+                }
+                a.backoffMs = inferBackoff(a.sent, notBefore);
+                a.began = a.sent - std::chrono::milliseconds(a.backoffMs);
             }
         }
     }
@@ -218,12 +349,11 @@ public:
             std::count_if(m_requests.begin(), m_requests.end(), [](const Request& r) { return r.resync; }));
     }
 
-    // Traces back from the completion that module showed at `result`.
+    // Traces back from the result a module showed at `result`.
     void trace(Clock::time_point trigger, Clock::time_point result, Election& e) const
     {
-        // The answer that completed the list: the latest one before the result.
-        const Answer* at = nullptr;
         int module = -1;
+        const Answer* at = nullptr;
         for (const auto& [m, answers] : m_answers) {
             for (const auto& a : answers) {
                 if (a.sent <= result && (!at || a.sent > at->sent)) {
@@ -232,15 +362,16 @@ public:
                 }
             }
         }
+        double prescribed = 0;
         if (!at) {
             e.startMs = msBetween(trigger, result);
+            e.prescribedMs = 0;
             return;
         }
         e.resultMs = msBetween(at->sent, result);
-        double prescribed = 0;
         for (;;) {
             if (at->began < trigger) {
-                // Still answering the previous election: the part after the trigger.
+                // Still answering before the trigger: only the part after it.
                 prescribed += msBetween(trigger, at->sent);
                 ++e.backoffs;
                 break;
@@ -250,44 +381,43 @@ public:
             step("back-off", module, at->began, at->sent);
             const auto& answers = m_answers.at(module);
             const Answer* previous = at == &answers.front() ? nullptr : at - 1;
-            const Request* woke = latestRequestBefore(at->began + kSlack);
-            if (previous && (!woke || woke->time <= previous->sent)) {
+            const Request* request =
+                at->request >= 0 ? &m_requests[static_cast<std::size_t>(at->request)] : nullptr;
+            if (previous && (!request || request->time <= previous->sent)) {
                 // Busy: the request waited for the previous answer.
                 e.gapsMs += msBetween(previous->sent, at->began);
                 at = previous;
                 continue;
             }
-            if (!woke) {
+            if (!request || request->time < trigger) {
                 e.startMs += msBetween(trigger, at->began);
                 break;
             }
-            e.gapsMs += msBetween(woke->time, at->began);
-            if (woke->resync || woke->onParameters) {
-                step(woke->resync ? "resync" : "start on parameters", woke->module, woke->time, woke->time);
-                e.startMs += msBetween(trigger, woke->time);
+            e.gapsMs += msBetween(request->time, at->began);
+            if (request->resync || request->onParameters) {
+                step(request->resync ? "resync" : "start on parameters", request->module, request->time,
+                     request->time);
+                e.startMs += msBetween(trigger, request->time);
                 break;
             }
-            // A start after the 3000 ms wait of its sender. When the wait ran
-            // out while the sender was in a back-off, the start follows that
-            // back-off's answer at once: the back-offs held it up.
-            const Answer* before = latestAnswerBefore(woke->module, woke->time);
-            if (before && msBetween(before->sent, woke->time) < kHeldMs) {
-                step("start held by back-offs", woke->module, before->sent, woke->time);
-                e.gapsMs += msBetween(before->sent, woke->time);
-                module = woke->module;
+            const Answer* before = latestAnswerBefore(request->module, request->time);
+            if (before && msBetween(before->sent, request->time) < kHeldMs) {
+                step("start held by back-offs", request->module, before->sent, request->time);
+                e.gapsMs += msBetween(before->sent, request->time);
+                module = request->module;
                 at = before;
                 continue;
             }
             prescribed += kDebounceMs;
             ++e.debounces;
             const Clock::time_point waitBegan =
-                woke->time - std::chrono::milliseconds(static_cast<int>(kDebounceMs));
-            step("3000 ms wait, then start", woke->module, waitBegan, woke->time);
-            // A daemon in a back-off takes in the change only after it.
-            const Answer* busy = latestAnswerBefore(woke->module, waitBegan);
-            if (busy && msBetween(busy->sent, waitBegan) < kHeldMs) {
+                request->time - std::chrono::milliseconds(static_cast<int>(kDebounceMs));
+            step("3000 ms wait, then start", request->module, waitBegan, request->time);
+            const Answer* busy = latestAnswerBefore(request->module, waitBegan);
+            if (busy && busy->sent >= trigger && msBetween(busy->sent, waitBegan) < kHeldMs) {
+                // The change waited for the back-off.
                 e.gapsMs += msBetween(busy->sent, waitBegan);
-                module = woke->module;
+                module = request->module;
                 at = busy;
                 continue;
             }
@@ -303,6 +433,7 @@ private:
         Clock::time_point sent;
         int backoffMs;
         Clock::time_point began;
+        int request;  // index into m_requests, -1 when unknown
     };
     struct Request
     {
@@ -311,42 +442,35 @@ private:
         bool resync;
         bool onParameters;
     };
-    // How much later than a request a back-off may begin and still be the
-    // one the request started (the relay's and the daemon's reaction).
-    static constexpr std::chrono::milliseconds kSlack{3};
-    // How soon after its answer a daemon whose timer or bus notification was
-    // held up by the back-off acts on it.
-    static constexpr double kHeldMs = 3;
+    // How soon after its answer a daemon acts on a timer or a notification
+    // that its back-off held up.
+    static constexpr double kHeldMs = 5;
 
     // The back-off began in the second the daemon seeded with. time() reads
-    // the coarse clock, which shows a new second only at the next tick after
-    // it began, so near a boundary both seconds can fit an answer's time; of
-    // those that fit, the back-off began at the earliest moment the daemon
-    // could: not before its previous answer and not before a request had
-    // arrived (a daemon with a request waiting does not sit idle).
-    int inferBackoff(Clock::time_point sentAt, Clock::time_point previous) const
+    // the coarse clock, which shows a new second only at the next tick, so
+    // near a boundary both seconds may fit; of those that fit, the back-off
+    // began at the earliest moment the daemon could take up the request: not
+    // before the request arrived nor before its previous answer.
+    static int inferBackoff(Clock::time_point sentAt, Clock::time_point notBefore)
     {
         const double sent = wallMs(sentAt);
-        const double notBefore = previous == Clock::time_point() ? -1e18 : wallMs(previous) - 1;
+        const double earliest = notBefore == Clock::time_point() ? -1e18 : wallMs(notBefore) - 0.05;
         const auto second = static_cast<long long>(sent / 1000);
         int best = -1;
-        double bestBegan = 1e18;
         int fallback = backoffInSecond(second);
         double fallbackMiss = 1e18;
         for (long long s : {second, second - 1}) {
             const int b = backoffInSecond(s);
             const double began = sent - b;
             const double secondMs = static_cast<double>(s) * 1000.0;
-            const double miss =
-                std::max({0.0, secondMs - began, began - (secondMs + 1000.0 + coarseLagMs())});
+            const double miss = std::max(
+                {0.0, secondMs - began, began - (secondMs + 1000.0 + coarseLagMs()), earliest - began});
             if (miss < fallbackMiss) {
                 fallback = b;
                 fallbackMiss = miss;
             }
-            const Request* r = latestRequestBefore(sentAt - std::chrono::milliseconds(b) + kSlack);
-            if (miss == 0 && began >= notBefore && r && began < bestBegan) {
+            if (miss == 0 && b > best) {
                 best = b;
-                bestBegan = began;
             }
         }
         return best >= 0 ? best : fallback;
@@ -361,17 +485,6 @@ private:
             return static_cast<double>(res.tv_nsec) / 1e6 + 1;
         }();
         return lag;
-    }
-
-    const Request* latestRequestBefore(Clock::time_point t) const
-    {
-        const Request* found = nullptr;
-        for (const auto& r : m_requests) {
-            if (r.time <= t) {
-                found = &r;
-            }
-        }
-        return found;
     }
 
     const Answer* latestAnswerBefore(int module, Clock::time_point t) const
@@ -391,16 +504,13 @@ private:
     void step(const char* what, int module, Clock::time_point from, Clock::time_point to) const
     {
         if (m_trace) {
-            std::printf("      module %2d  %-26s %9.1f -> %9.1f ms (wall %.1f)\n", module + 1, what,
-                        msBetween(m_origin, from), msBetween(m_origin, to), std::fmod(wallMs(from), 1000.0));
+            std::printf("      module %2d  %-26s %9.1f -> %9.1f ms\n", module + 1, what,
+                        msBetween(m_origin, from), msBetween(m_origin, to));
         }
     }
 
-public:
-    Clock::time_point m_origin;
-
-private:
     bool m_trace;
+    Clock::time_point m_origin;
     std::vector<Request> m_requests;
     std::map<int, std::vector<Answer>> m_answers;
 };
@@ -439,8 +549,38 @@ Election analyse(const tsdsim::World& world, const std::vector<TelegramLog::Tele
             result = std::max(result, resultTime(world, *m, agreed));
         }
     }
-    CriticalPath path(log, atStart, trace);
-    path.m_origin = trigger;
+    if (trace) {
+        // What the module that showed its result last published, and when.
+        for (const auto& m : world.modules()) {
+            if (m.get() == except || resultTime(world, *m, agreed) != result) {
+                continue;
+            }
+            for (const auto& ev : m->events()) {
+                const auto t = world.startTime() + std::chrono::duration_cast<Clock::duration>(
+                                                       std::chrono::duration<double>(ev.time));
+                if (t >= trigger && t <= agreed) {
+                    std::printf("    %9.1f ms  %s publishes %s\n", msBetween(trigger, t), m->name().c_str(),
+                                ev.path.c_str());
+                }
+            }
+            for (const auto& c : m->scriptCalls()) {
+                const auto t = world.startTime() + std::chrono::duration_cast<Clock::duration>(
+                                                       std::chrono::duration<double>(c.time));
+                if (t >= trigger && t <= agreed) {
+                    std::printf("    %9.1f ms  %s runs %s %s\n", msBetween(trigger, t), m->name().c_str(),
+                                c.script.c_str(), c.args.c_str());
+                }
+            }
+        }
+    }
+    // What an unplugged module sends never reaches the bus.
+    std::vector<TelegramLog::Telegram> onBus;
+    for (const auto& t : log) {
+        if (!except || world.modules()[static_cast<std::size_t>(t.module)].get() != except) {
+            onBus.push_back(t);
+        }
+    }
+    const CriticalPath path(onBus, atStart, trace, trigger);
     e.resyncs = path.resyncs();
     path.trace(trigger, result, e);
     e.resultMs += msBetween(result, agreed);
@@ -478,17 +618,19 @@ ChainFigures measureChain(int n, bool trace)
     auto t0 = Clock::now();
     tsdsim::World world;
     tsdsim::Bus& bus = world.addBus("chain");
-    std::map<int, int> moduleOfPort;
+    TelegramLog log;
     for (int i = 1; i <= n; ++i) {
         tsdsim::ModuleSetup s;
         s.name = "m" + std::to_string(i);
         s.uuid = static_cast<std::uint32_t>(0x000100 + i);
         tsdsim::Module& m = world.addModule(s);
         m.addInterface(tsdsim::Side::Rear, bus);
-        moduleOfPort[m.portId(tsdsim::Side::Rear)] = i - 1;
+        if (!log.watch(m, i - 1)) {
+            std::fprintf(stderr, "sim_election_bench: cannot capture what %s sends\n", s.name.c_str());
+            return f;
+        }
     }
-    TelegramLog log;
-    log.watch(bus, moduleOfPort);
+    log.start();
     world.updateReachable();
     for (auto& m : world.modules()) {
         if (!m->startVelad() || !m->startBusClients()) {
@@ -502,6 +644,9 @@ ChainFigures measureChain(int n, bool trace)
     auto t1 = Clock::now();
     for (auto& m : world.modules()) {
         m->startTsd({});
+    }
+    if (trace) {
+        std::printf("  starting %d daemons took %.1f ms\n", n, msBetween(t1, Clock::now()));
     }
     auto top = static_cast<std::uint32_t>(0x000100 + n);
     if (!world.waitFor([&] { return agree(world, top, nullptr); }, kTimeout)) {
@@ -519,6 +664,9 @@ ChainFigures measureChain(int n, bool trace)
         tsdsim::Module& master = *world.modules().back();
         auto t2 = Clock::now();
         world.unplug(master);
+        if (trace) {
+            std::printf("  unplug() took %.1f ms\n", msBetween(t2, Clock::now()));
+        }
         if (world.waitFor([&] { return agree(world, top - 1, &master); }, kTimeout)) {
             auto agreed2 = Clock::now();
             log.waitQuiet(1500ms, 60s);
@@ -528,7 +676,6 @@ ChainFigures measureChain(int n, bool trace)
             f.failover = analyse(world, log.between(t2, Clock::now()), t2, agreed2, &master, false, trace);
         }
     }
-    bus.setFrameTap({});
     return f;
 }
 

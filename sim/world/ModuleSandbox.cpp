@@ -289,9 +289,9 @@ int ModuleSandbox::run(const std::vector<std::string>& argv, std::string* output
     return ChildProcess::run(childOptions(argv, "run"), output, timeout);
 }
 
-int ModuleSandbox::openSocket(int type) const
+int ModuleSandbox::openSocket(int domain, int type, int protocol) const
 {
-    return nsops::socketIn(m_netns, AF_INET, type, 0);
+    return nsops::socketIn(m_netns, domain, type, protocol);
 }
 
 bool ModuleSandbox::tcpReachable(unsigned port) const

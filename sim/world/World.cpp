@@ -153,31 +153,50 @@ void World::replug(Module& module)
     updateReachable();
 }
 
-std::set<std::string> World::reachableFor(const Module& module) const
+World::UncutPorts World::uncutPorts() const
+{
+    UncutPorts ports;
+    for (const auto& m : m_modules) {
+        for (Side side : {Side::Rear, Side::Front}) {
+            if (Bus* bus = m->bus(side); bus && !bus->isCut(m->portId(side))) {
+                ports[bus].push_back({m.get(), nodeIdText(m->setup().nodeId(side))});
+            }
+        }
+    }
+    return ports;
+}
+
+std::set<std::string> World::reachableFor(const Module& module, const UncutPorts& ports) const
 {
     std::set<std::string> paths;
     for (Side side : {Side::Rear, Side::Front}) {
         Bus* bus = module.bus(side);
-        if (!bus || isCut(module, side)) {
+        const auto onBus = ports.find(bus);
+        if (!bus || onBus == ports.end() || isCut(module, side)) {
             continue;
         }
-        for (const auto& other : m_modules) {
-            for (Side os : {Side::Rear, Side::Front}) {
-                if (other.get() == &module || other->bus(os) != bus || isCut(*other, os)) {
-                    continue;
-                }
-                paths.insert(std::string("reachableDevices/") + interfaceName(side) + "/" +
-                             nodeIdText(other->setup().nodeId(os)));
+        const std::string prefix = std::string("reachableDevices/") + interfaceName(side) + "/";
+        for (const auto& port : onBus->second) {
+            if (port.module != &module) {
+                paths.insert(prefix + port.nodeId);
             }
         }
     }
     return paths;
 }
 
+std::set<std::string> World::reachableFor(const Module& module) const
+{
+    return reachableFor(module, uncutPorts());
+}
+
 void World::updateReachable()
 {
+    // The ports of each bus once, not once per module: with many modules a
+    // cabling change would otherwise reach the last module's daemon late.
+    const UncutPorts ports = uncutPorts();
     for (auto& m : m_modules) {
-        m->setReachable(reachableFor(*m));
+        m->setReachable(reachableFor(*m, ports));
     }
 }
 

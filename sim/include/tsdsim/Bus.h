@@ -3,7 +3,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -38,18 +37,6 @@ public:
         std::uint64_t cut = 0;         // frames or copies stopped at a cut port
     };
 
-    // A frame as a port sent it into the bus (destination already broadcast),
-    // before loss, duplication and delay: what a capture of the bus shows.
-    // Frames of cut ports never enter the bus and are not seen.
-    struct Frame
-    {
-        std::chrono::steady_clock::time_point time;  // when the relay read it
-        int portId;
-        const std::vector<unsigned char>& bytes;
-    };
-    // Runs on the loop thread for every frame; must not block or call into the bus.
-    using FrameTap = std::function<void(const Frame& frame)>;
-
     Bus(LoopThread& io, std::string name, int index);
     ~Bus();
     Bus(const Bus&) = delete;
@@ -79,9 +66,6 @@ public:
 
     Stats stats() const;
 
-    // Sees every frame from now on (one tap per bus; an empty one removes it).
-    void setFrameTap(FrameTap tap);
-
 private:
     struct Port
     {
@@ -95,7 +79,7 @@ private:
     Port* findPort(int portId);
     const Port* findPort(int portId) const;
     void onReadable(int portId);
-    void deliver(int portId, const std::vector<unsigned char>& frame);
+    void deliver(int portId, const unsigned char* frame, std::size_t size);
 
     LoopThread& m_io;
     std::string m_name;
@@ -107,7 +91,7 @@ private:
     double m_duplicate = 0.0;
     std::chrono::milliseconds m_delay{0};
     Stats m_stats;
-    FrameTap m_tap;
+    std::vector<unsigned char> m_buffer;  // the frame being relayed; loop thread only
     std::mt19937 m_random;
     // Delayed copies hold this token; once the bus is going it is null and
     // they are discarded instead of touching a destroyed bus. Read and

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -51,8 +52,10 @@ public:
     // (-1 on time-out or failure to start). Its stderr goes to run.out.
     int run(const std::vector<std::string>& argv, std::string* output,
             std::chrono::milliseconds timeout) const;
-    // A socket (AF_INET, type) created in the module's network namespace.
-    int openSocket(int type) const;
+    // A socket created in the module's network namespace (-1 on failure);
+    // the short form makes an AF_INET one.
+    int openSocket(int domain, int type, int protocol) const;
+    int openSocket(int type) const { return openSocket(AF_INET, type, 0); }
     // True when something accepts TCP connections on 127.0.0.1:port inside.
     bool tcpReachable(unsigned port) const;
 

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -128,6 +129,16 @@ public:
     static bool stopRequested();
 
 private:
+    struct UncutPort
+    {
+        const Module* module;
+        std::string nodeId;  // as in reachable-device paths
+    };
+    using UncutPorts = std::map<const Bus*, std::vector<UncutPort>>;
+
+    UncutPorts uncutPorts() const;
+    std::set<std::string> reachableFor(const Module& module, const UncutPorts& ports) const;
+
     Options m_options;
     std::string m_prefix;
     std::string m_dir;
