@@ -369,7 +369,15 @@ public:
             return;
         }
         e.resultMs = msBetween(at->sent, result);
+        // Every step goes back in time; a misread telegram must not send the
+        // trace round in a circle.
+        Clock::time_point later = Clock::time_point::max();
         for (;;) {
+            if (at->sent >= later) {
+                e.startMs += msBetween(trigger, at->sent);
+                break;
+            }
+            later = at->sent;
             if (at->began < trigger) {
                 // Still answering before the trigger: only the part after it.
                 prescribed += msBetween(trigger, at->sent);
@@ -383,6 +391,9 @@ public:
             const Answer* previous = at == &answers.front() ? nullptr : at - 1;
             const Request* request =
                 at->request >= 0 ? &m_requests[static_cast<std::size_t>(at->request)] : nullptr;
+            if (request && request->time > at->sent) {
+                request = nullptr;  // the answer was matched to a later request: unknown
+            }
             if (previous && (!request || request->time <= previous->sent)) {
                 // Busy: the request waited for the previous answer.
                 e.gapsMs += msBetween(previous->sent, at->began);
