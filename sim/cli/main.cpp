@@ -28,6 +28,7 @@ void usage(std::ostream& out)
            "  --json         print the end summary as JSON on stdout (live view goes to stderr)\n"
            "  --bin DIR      where velad, vela and tsd are (default: beside tsdsim)\n"
            "  --check        only read and check the chain file\n"
+           "The chain-file format is described in docs/chain-files.md.\n"
            "Needs root: every module gets network and mount namespaces of its own.\n";
 }
 

@@ -7,19 +7,23 @@
 #include <cerrno>
 #include <cstring>
 
-#include "tsdsim/IoThread.h"
+#include "tsdsim/LoopThread.h"
 
 namespace tsdsim {
 
 namespace {
 constexpr std::size_t kMaxFrame = 65536;
 constexpr std::size_t kMacLength = 6;
+// Frames relayed from one port before the loop turns to its other fds: a
+// chatty bus must not hold up the other buses and the modules' observers.
+constexpr int kFramesPerTurn = 32;
 }  // namespace
 
-Bus::Bus(IoThread& io, std::string name, int index)
+Bus::Bus(LoopThread& io, std::string name, int index)
     : m_io(io),
       m_name(std::move(name)),
       m_index(index),
+      m_buffer(kMaxFrame),
       m_random(std::random_device{}()),
       m_alive(std::make_shared<Bus*>(this))
 {
@@ -27,15 +31,16 @@ Bus::Bus(IoThread& io, std::string name, int index)
 
 Bus::~Bus()
 {
+    // On the loop's thread, so that no delayed copy is running while the
+    // token goes, and none that runs later gets past it.
+    m_io.invoke([this] { *m_alive = nullptr; });
     std::vector<int> ids;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        *m_alive = nullptr;
         for (const auto& p : m_ports) {
             ids.push_back(p.id);
         }
     }
-    m_io.sync();
     for (int id : ids) {
         detach(id);
     }
@@ -139,33 +144,32 @@ Bus::Stats Bus::stats() const
 
 void Bus::onReadable(int portId)
 {
-    std::vector<unsigned char> frame(kMaxFrame);
-    for (;;) {
-        int fd = -1;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            if (const Port* port = findPort(portId)) {
-                fd = port->fd;
-            }
+    int fd = -1;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (const Port* port = findPort(portId)) {
+            fd = port->fd;
         }
-        if (fd < 0) {
-            return;
-        }
-        frame.resize(kMaxFrame);
-        ssize_t n = ::read(fd, frame.data(), frame.size());
+    }
+    if (fd < 0) {
+        return;
+    }
+    // The rest waits for the next turn: the fd stays readable.
+    for (int i = 0; i < kFramesPerTurn; ++i) {
+        const ssize_t n = ::read(fd, m_buffer.data(), m_buffer.size());
         if (n <= 0) {
             return;  // EAGAIN: drained
         }
-        frame.resize(static_cast<std::size_t>(n));
-        if (frame.size() < 2 * kMacLength) {
+        const auto size = static_cast<std::size_t>(n);
+        if (size < 2 * kMacLength) {
             continue;
         }
-        std::memset(frame.data(), 0xff, kMacLength);
-        deliver(portId, frame);
+        std::memset(m_buffer.data(), 0xff, kMacLength);
+        deliver(portId, m_buffer.data(), size);
     }
 }
 
-void Bus::deliver(int fromId, const std::vector<unsigned char>& frame)
+void Bus::deliver(int fromId, const unsigned char* frame, std::size_t size)
 {
     struct Copy
     {
@@ -209,17 +213,18 @@ void Bus::deliver(int fromId, const std::vector<unsigned char>& frame)
     if (delay.count() == 0) {
         for (const auto& c : copies) {
             for (int i = 0; i < c.count; ++i) {
-                ssize_t n = ::write(c.fd, frame.data(), frame.size());
+                ssize_t n = ::write(c.fd, frame, size);
                 (void)n;  // a full TAP queue drops the copy, as a busy bus would
             }
         }
         return;
     }
     std::weak_ptr<Bus*> alive = m_alive;
+    const std::vector<unsigned char> copy(frame, frame + size);
     for (const auto& c : copies) {
         int id = c.id;
         int count = c.count;
-        m_io.after(delay, [alive, id, count, frame] {
+        m_io.after(delay, [alive, id, count, frame = copy] {
             auto bus = alive.lock();
             if (!bus || !*bus) {
                 return;

@@ -1,3 +1,5 @@
+// The chain-file reader. The format it accepts is documented in
+// docs/chain-files.md; keep the two in step.
 #include "tsdsim/Chain.h"
 
 #include <algorithm>
@@ -8,6 +10,8 @@
 #include <map>
 #include <set>
 #include <sstream>
+
+#include "tsdsim/ScriptRecorder.h"
 
 namespace tsdsim {
 
@@ -102,23 +106,6 @@ bool validName(const std::string& name)
     });
 }
 
-// Applies "timesource=... threshold=..." style keys to a parameter set.
-bool applyParamKey(SyncParam& p, const std::string& key, const std::string& value, int line)
-{
-    if (key == "timesource") {
-        p.timesource = value;
-    } else if (key == "threshold") {
-        p.threshold = number(value, line, key);
-    } else if (key == "ptp4l") {
-        p.ptp4l = value;
-    } else if (key == "ntpserver") {
-        p.ntpserver = value;
-    } else {
-        return false;
-    }
-    return true;
-}
-
 const Chain::ModuleEntry* findModule(const Chain& chain, const std::string& name)
 {
     for (const auto& m : chain.modules) {
@@ -135,6 +122,28 @@ bool hasBus(const Chain& chain, const std::string& name)
 }
 
 }  // namespace
+
+bool applyParamKey(SyncParam& p, const std::string& key, const std::string& value, int line)
+{
+    if (key == "timesource") {
+        p.timesource = value;
+    } else if (key == "threshold") {
+        p.threshold = number(value, line, key);
+    } else if (key == "ptp4l") {
+        p.ptp4l = value;
+    } else if (key == "ntpserver") {
+        p.ntpserver = value;
+    } else {
+        return false;
+    }
+    return true;
+}
+
+bool opensElection(const Chain::Event& event)
+{
+    static const std::set<std::string> electing{"unplug", "replug", "cut", "plug", "param", "start-tsd"};
+    return !event.words.empty() && electing.count(event.words[0]) != 0;
+}
 
 std::string Chain::Event::text() const
 {
@@ -242,7 +251,8 @@ std::string checkEvent(const Chain& chain, const Chain::Event& e)
         if (!err.empty()) {
             return err;
         }
-        if (w[2] != "ptp4ladm.sh" && w[2] != "start_ntpd.sh" && w[2] != "stop_ntpd.sh") {
+        const auto& scripts = ScriptRecorder::scriptNames();
+        if (std::find(scripts.begin(), scripts.end(), w[2]) == scripts.end()) {
             return "script: unknown script '" + w[2] + "'";
         }
         char* end = nullptr;

@@ -184,7 +184,7 @@ std::string Scenario::apply(const Chain::Event& event)
         } else {
             bus.setDelay(std::chrono::milliseconds(static_cast<long>(v)));
         }
-        note(event.text(), false);
+        note(event.text(), opensElection(event));
         return "";
     }
     if (a == "cut" || a == "plug") {
@@ -192,7 +192,7 @@ std::string Scenario::apply(const Chain::Event& event)
         Module& m = *world.findModule(w[1].substr(0, dot));
         Side side = w[1].substr(dot + 1) == "rear" ? Side::Rear : Side::Front;
         world.setCut(m, side, a == "cut");
-        note(event.text(), true);
+        note(event.text(), opensElection(event));
         return "";
     }
     Module& m = *world.findModule(w[1]);
@@ -204,17 +204,7 @@ std::string Scenario::apply(const Chain::Event& event)
         SyncParam p = m.param();
         for (std::size_t i = 2; i < w.size(); ++i) {
             std::size_t eq = w[i].find('=');
-            std::string k = w[i].substr(0, eq);
-            std::string v = w[i].substr(eq + 1);
-            if (k == "timesource") {
-                p.timesource = v;
-            } else if (k == "threshold") {
-                p.threshold = std::stod(v);
-            } else if (k == "ptp4l") {
-                p.ptp4l = v;
-            } else if (k == "ntpserver") {
-                p.ntpserver = v;
-            }
+            applyParamKey(p, w[i].substr(0, eq), w[i].substr(eq + 1));
         }
         m.setParam(p);
     } else if (a == "kill-velad") {
@@ -242,8 +232,7 @@ std::string Scenario::apply(const Chain::Event& event)
     } else if (a == "script") {
         m.setScriptStatus(w[2], std::stoi(w[3]));
     }
-    bool election = a == "unplug" || a == "replug" || a == "param" || a == "start-tsd";
-    note(event.text(), election);
+    note(event.text(), opensElection(event));
     return "";
 }
 

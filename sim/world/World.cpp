@@ -37,7 +37,7 @@ std::string ownDirectory()
 
 World::World() : World(Options{}) {}
 
-World::World(const Options& options) : m_options(options), m_start(std::chrono::steady_clock::now())
+World::World(const Options& options) : m_options(options)
 {
     // A publisher that died leaves a pipe without reader; writing to it must
     // fail with EPIPE, not end the simulator.
@@ -55,7 +55,7 @@ World::World(const Options& options) : m_options(options), m_start(std::chrono::
         const char* env = std::getenv("TSDSIM_BIN_DIR");
         m_binDir = env && *env ? env : ownDirectory();
     }
-    m_io = std::make_unique<IoThread>();
+    m_io = std::make_unique<LoopThread>();
 }
 
 World::~World()
@@ -66,11 +66,6 @@ World::~World()
     m_io.reset();
     std::error_code ec;
     std::filesystem::remove_all(m_dir, ec);
-}
-
-double World::now() const
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - m_start).count();
 }
 
 Bus& World::addBus(const std::string& name)
@@ -158,31 +153,50 @@ void World::replug(Module& module)
     updateReachable();
 }
 
-std::set<std::string> World::reachableFor(const Module& module) const
+World::UncutPorts World::uncutPorts() const
+{
+    UncutPorts ports;
+    for (const auto& m : m_modules) {
+        for (Side side : {Side::Rear, Side::Front}) {
+            if (Bus* bus = m->bus(side); bus && !bus->isCut(m->portId(side))) {
+                ports[bus].push_back({m.get(), nodeIdText(m->setup().nodeId(side))});
+            }
+        }
+    }
+    return ports;
+}
+
+std::set<std::string> World::reachableFor(const Module& module, const UncutPorts& ports) const
 {
     std::set<std::string> paths;
     for (Side side : {Side::Rear, Side::Front}) {
         Bus* bus = module.bus(side);
-        if (!bus || isCut(module, side)) {
+        const auto onBus = ports.find(bus);
+        if (!bus || onBus == ports.end() || isCut(module, side)) {
             continue;
         }
-        for (const auto& other : m_modules) {
-            for (Side os : {Side::Rear, Side::Front}) {
-                if (other.get() == &module || other->bus(os) != bus || isCut(*other, os)) {
-                    continue;
-                }
-                paths.insert(std::string("reachableDevices/") + interfaceName(side) + "/" +
-                             nodeIdText(other->setup().nodeId(os)));
+        const std::string prefix = std::string("reachableDevices/") + interfaceName(side) + "/";
+        for (const auto& port : onBus->second) {
+            if (port.module != &module) {
+                paths.insert(prefix + port.nodeId);
             }
         }
     }
     return paths;
 }
 
+std::set<std::string> World::reachableFor(const Module& module) const
+{
+    return reachableFor(module, uncutPorts());
+}
+
 void World::updateReachable()
 {
+    // The ports of each bus once, not once per module: with many modules a
+    // cabling change would otherwise reach the last module's daemon late.
+    const UncutPorts ports = uncutPorts();
     for (auto& m : m_modules) {
-        m->setReachable(reachableFor(*m));
+        m->setReachable(reachableFor(*m, ports));
     }
 }
 
@@ -216,18 +230,38 @@ void World::maintain()
     }
 }
 
+void World::notifyChange()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_changeMutex);
+        ++m_changes;
+    }
+    m_changed.notify_all();
+}
+
 bool World::waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
 {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
+    // Files (scripts.log, /run) and processes change without a notice: look
+    // at least this often.
+    constexpr std::chrono::milliseconds kLookAgain{50};
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
+        // Counted before the look, so that a change during it is not slept over.
+        std::uint64_t seen;
+        {
+            std::lock_guard<std::mutex> lock(m_changeMutex);
+            seen = m_changes;
+        }
         if (condition()) {
             return true;
         }
-        if (std::chrono::steady_clock::now() >= deadline || g_stopRequested) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= deadline || g_stopRequested) {
             return false;
         }
         maintain();
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        std::unique_lock<std::mutex> lock(m_changeMutex);
+        m_changed.wait_until(lock, std::min(deadline, now + kLookAgain), [&] { return m_changes != seen; });
     }
 }
 

@@ -2,6 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
 
 #include "tsdsim/Chain.h"
 
@@ -134,4 +137,83 @@ TEST(Chain, NodeIdsAndLabelsOfAModule)
     EXPECT_EQ(s.nodeId(tsdsim::Side::Front), 0x0A7C312BCDEFull);
     EXPECT_EQ(tsdsim::nodeIdText(s.nodeId(tsdsim::Side::Rear)), "0A7C31ABCDEF");
     EXPECT_EQ(tsdsim::nodeIdAddress(0x0A7C31000001ull), "00:00:0a:7c:31:00:00:01");
+}
+
+TEST(Chain, CablingParameterChangesAndADaemonStartMakeTheDaemonsElectAgain)
+{
+    Chain c = parseChain(
+        "bus b\n"
+        "module a uuid=1 rear=b\n"
+        "at 1 unplug a\nat 1 replug a\nat 1 cut a.rear\nat 1 plug a.rear\n"
+        "at 1 param a threshold=2\nat 1 start-tsd a\n"
+        "at 2 kill-tsd a\nat 2 stop-tsd a\nat 2 kill-velad a\nat 2 start-velad a\n"
+        "at 2 loss b 0.5\nat 2 dup b 0.5\nat 2 delay b 10\nat 2 script a ptp4ladm.sh 1\n");
+    ASSERT_EQ(c.events.size(), 14u);
+    for (const auto& e : c.events) {
+        EXPECT_EQ(tsdsim::opensElection(e), e.time == 1) << e.text();
+    }
+}
+
+TEST(Chain, ParameterKeysAreAppliedInOnePlace)
+{
+    tsdsim::SyncParam p;
+    EXPECT_TRUE(tsdsim::applyParamKey(p, "threshold", "2.5"));
+    EXPECT_TRUE(tsdsim::applyParamKey(p, "ptp4l", "-4 -m"));
+    EXPECT_DOUBLE_EQ(p.threshold, 2.5);
+    EXPECT_EQ(p.ptp4l, "-4 -m");
+    EXPECT_FALSE(tsdsim::applyParamKey(p, "uuid", "1"));
+    EXPECT_THROW(tsdsim::applyParamKey(p, "threshold", "much", 7), ChainError);
+    EXPECT_EQ(errorText("bus b\nmodule a uuid=1 rear=b\nat 1 script a other.sh 1\n"),
+              "line 3: script: unknown script 'other.sh'");
+}
+
+// The reference of the format is docs/chain-files.md: every event and module
+// key it lists must be known to the reader, with the same election rule.
+TEST(Chain, TheFormatReferenceAndTheReaderAgree)
+{
+    std::ifstream in(std::string(TSDSIM_SOURCE_DIR) + "/docs/chain-files.md");
+    ASSERT_TRUE(in);
+    std::string line;
+    std::string section;
+    int events = 0;
+    int keys = 0;
+    const Chain chain = parseChain("bus b\nmodule a uuid=1 rear=b\n");
+    while (std::getline(in, line)) {
+        if (line.rfind("## ", 0) == 0) {
+            section = line.substr(3);
+            continue;
+        }
+        if (line.rfind("| `", 0) != 0) {
+            continue;
+        }
+        // The first cell's `...` items name the events or keys of the row.
+        const std::string first = line.substr(0, line.find(" |", 2));
+        std::vector<std::string> items;
+        for (std::size_t open = first.find('`'); open != std::string::npos;
+             open = first.find('`', first.find('`', open + 1) + 1)) {
+            const std::size_t close = first.find('`', open + 1);
+            items.push_back(first.substr(open + 1, close - open - 1));
+        }
+        if (section == "Events") {
+            const bool electing =
+                line.substr(line.rfind("| ", line.size() - 3)).find("yes") != std::string::npos;
+            for (const auto& item : items) {
+                Chain::Event e;
+                e.words = {item.substr(0, item.find(' '))};
+                EXPECT_EQ(tsdsim::checkEvent(chain, e).find("unknown event"), std::string::npos) << item;
+                EXPECT_EQ(tsdsim::opensElection(e), electing) << item;
+                ++events;
+            }
+        } else if (section == "Module keys") {
+            for (const auto& item : items) {
+                const std::string key = item.substr(0, item.find('='));
+                EXPECT_EQ(errorText("bus b\nmodule a uuid=1 " + key + "=1\n").find("unknown module key"),
+                          std::string::npos)
+                    << key;
+                ++keys;
+            }
+        }
+    }
+    EXPECT_EQ(events, 14);
+    EXPECT_EQ(keys, 12);
 }

@@ -3,6 +3,11 @@
 // while a round of events is being dispatched: events still queued for the old
 // registration then carry a serial that no longer exists and are dropped,
 // rather than being delivered to whatever now uses the same fd number.
+//
+// One eventfd wakes the loop for both stop() and post(). A posted function is
+// queued before the eventfd is written, and the loop drains the eventfd
+// before it takes the queue, so no function can be queued without a wake-up
+// still pending for it.
 #include "orv/sys/EventLoop.h"
 
 #include <sys/epoll.h>
@@ -11,22 +16,45 @@
 
 #include <atomic>
 #include <cerrno>
+#include <deque>
 #include <map>
+#include <mutex>
+#include <thread>
 
 namespace orv::sys {
 
 namespace {
 constexpr int kMaxEventsPerRound = 64;
-// The serial of the stop eventfd; registrations count up from 1.
-constexpr std::uint64_t kStopSerial = 0;
+// The serial of the wake-up eventfd; registrations count up from 1.
+constexpr std::uint64_t kWakeSerial = 0;
+
+// Names the calling thread as the loop's for as long as execute() runs.
+class LoopThreadMark
+{
+public:
+    explicit LoopThreadMark(std::atomic<std::thread::id>& id) : m_id(id)
+    {
+        m_id.store(std::this_thread::get_id());
+    }
+    ~LoopThreadMark() { m_id.store(std::thread::id()); }
+    LoopThreadMark(const LoopThreadMark&) = delete;
+    LoopThreadMark& operator=(const LoopThreadMark&) = delete;
+
+private:
+    std::atomic<std::thread::id>& m_id;
+};
 }  // namespace
 
 struct EventLoop::Impl
 {
     int epollFd = -1;
-    int stopFd = -1;
+    int wakeFd = -1;
     // Lock-free, so that stop() may set it from a signal handler.
     std::atomic<bool> stopRequested{false};
+    // The thread inside execute(); a default id while none is.
+    std::atomic<std::thread::id> loopThread{};
+    std::mutex postedMutex;  // guards posted
+    std::deque<std::function<void()>> posted;
     std::uint64_t wakeups = 0;
     std::uint64_t nextSerial = 1;
     std::map<int, std::uint64_t> serialByFd;
@@ -34,10 +62,42 @@ struct EventLoop::Impl
     // the std::function that is running.
     std::map<std::uint64_t, std::shared_ptr<FdCallback>> bySerial;
 
-    void drainStopFd() const
+    void drainWakeFd() const
     {
         std::uint64_t count = 0;
-        while (::read(stopFd, &count, sizeof count) == static_cast<ssize_t>(sizeof count)) {
+        while (::read(wakeFd, &count, sizeof count) == static_cast<ssize_t>(sizeof count)) {
+        }
+    }
+
+    void wake() const
+    {
+        const std::uint64_t one = 1;
+        const int savedErrno = errno;
+        [[maybe_unused]] const ssize_t written = ::write(wakeFd, &one, sizeof one);
+        errno = savedErrno;
+    }
+
+    // Runs the functions posted so far, one at a time without the lock (they
+    // may post more; those wait for the next round). A stop() from one of them
+    // puts the rest back at the front, for the next execute().
+    void runPosted()
+    {
+        std::deque<std::function<void()>> batch;
+        {
+            std::lock_guard<std::mutex> lock(postedMutex);
+            batch.swap(posted);
+        }
+        while (!batch.empty()) {
+            const std::function<void()> fn = std::move(batch.front());
+            batch.pop_front();
+            fn();
+            if (stopRequested.load() && !batch.empty()) {
+                std::lock_guard<std::mutex> lock(postedMutex);
+                for (auto it = batch.rbegin(); it != batch.rend(); ++it) {
+                    posted.push_front(std::move(*it));
+                }
+                return;
+            }
         }
     }
 };
@@ -47,19 +107,19 @@ static_assert(std::atomic<bool>::is_always_lock_free, "stop() must be async-sign
 EventLoop::EventLoop() : m_impl(std::make_unique<Impl>())
 {
     m_impl->epollFd = ::epoll_create1(EPOLL_CLOEXEC);
-    m_impl->stopFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (m_impl->epollFd >= 0 && m_impl->stopFd >= 0) {
+    m_impl->wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (m_impl->epollFd >= 0 && m_impl->wakeFd >= 0) {
         epoll_event ev{};
         ev.events = EPOLLIN;
-        ev.data.u64 = kStopSerial;
-        ::epoll_ctl(m_impl->epollFd, EPOLL_CTL_ADD, m_impl->stopFd, &ev);
+        ev.data.u64 = kWakeSerial;
+        ::epoll_ctl(m_impl->epollFd, EPOLL_CTL_ADD, m_impl->wakeFd, &ev);
     }
 }
 
 EventLoop::~EventLoop()
 {
-    if (m_impl->stopFd >= 0) {
-        ::close(m_impl->stopFd);
+    if (m_impl->wakeFd >= 0) {
+        ::close(m_impl->wakeFd);
     }
     if (m_impl->epollFd >= 0) {
         ::close(m_impl->epollFd);
@@ -69,13 +129,19 @@ EventLoop::~EventLoop()
 int EventLoop::execute()
 {
     Impl& impl = *m_impl;
-    if (impl.epollFd < 0 || impl.stopFd < 0) {
+    if (impl.epollFd < 0 || impl.wakeFd < 0) {
         return -EBADF;
     }
+    const LoopThreadMark mark(impl.loopThread);
     epoll_event events[kMaxEventsPerRound];
     for (;;) {
         if (impl.stopRequested.exchange(false)) {
-            impl.drainStopFd();
+            impl.drainWakeFd();
+            return 0;
+        }
+        impl.runPosted();
+        if (impl.stopRequested.exchange(false)) {
+            impl.drainWakeFd();
             return 0;
         }
         const int n = ::epoll_wait(impl.epollFd, events, kMaxEventsPerRound, -1);
@@ -92,7 +158,9 @@ int EventLoop::execute()
                 break;
             }
             const std::uint64_t serial = events[i].data.u64;
-            if (serial == kStopSerial) {
+            if (serial == kWakeSerial) {
+                // Drained before the queue is taken at the top of the loop.
+                impl.drainWakeFd();
                 continue;
             }
             const auto it = impl.bySerial.find(serial);
@@ -109,10 +177,21 @@ void EventLoop::stop()
 {
     // Only async-signal-safe operations: an atomic store and write(2).
     m_impl->stopRequested.store(true);
-    const std::uint64_t one = 1;
-    const int savedErrno = errno;
-    [[maybe_unused]] const ssize_t written = ::write(m_impl->stopFd, &one, sizeof one);
-    errno = savedErrno;
+    m_impl->wake();
+}
+
+void EventLoop::post(std::function<void()> fn)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_impl->postedMutex);
+        m_impl->posted.push_back(std::move(fn));
+    }
+    m_impl->wake();
+}
+
+bool EventLoop::isInLoopThread() const
+{
+    return m_impl->loopThread.load() == std::this_thread::get_id();
 }
 
 int EventLoop::addFd(int fd, std::uint32_t events, FdCallback callback)

@@ -11,7 +11,7 @@
 
 namespace tsdsim {
 
-class IoThread;
+class LoopThread;
 
 // A simulated FireWire bus: a set of ports (TAP devices of link type IEEE 1394,
 // each the FireWire interface of one module) whose frames are copied to every
@@ -20,7 +20,7 @@ class IoThread;
 // broadcast address anyway, and a broadcast destination is what makes the
 // receiving TAP accept the frame as addressed to it.
 //
-// The relay runs on the world's IoThread. The impairments (loss, duplication,
+// The relay runs on the world's LoopThread. The impairments (loss, duplication,
 // delay) apply to each copy separately, so that every receiver sees its own
 // pattern of faults, as on a noisy bus. A cut port neither sends nor
 // receives: that is an unplugged cable. Every setter may be called from any
@@ -37,7 +37,7 @@ public:
         std::uint64_t cut = 0;         // frames or copies stopped at a cut port
     };
 
-    Bus(IoThread& io, std::string name, int index);
+    Bus(LoopThread& io, std::string name, int index);
     ~Bus();
     Bus(const Bus&) = delete;
     Bus& operator=(const Bus&) = delete;
@@ -79,9 +79,9 @@ private:
     Port* findPort(int portId);
     const Port* findPort(int portId) const;
     void onReadable(int portId);
-    void deliver(int portId, const std::vector<unsigned char>& frame);
+    void deliver(int portId, const unsigned char* frame, std::size_t size);
 
-    IoThread& m_io;
+    LoopThread& m_io;
     std::string m_name;
     int m_index;
     mutable std::mutex m_mutex;  // guards everything below
@@ -91,9 +91,11 @@ private:
     double m_duplicate = 0.0;
     std::chrono::milliseconds m_delay{0};
     Stats m_stats;
+    std::vector<unsigned char> m_buffer;  // the frame being relayed; loop thread only
     std::mt19937 m_random;
-    // Delayed copies hold this token; once the bus is gone it is null and
-    // they are discarded instead of touching a destroyed bus.
+    // Delayed copies hold this token; once the bus is going it is null and
+    // they are discarded instead of touching a destroyed bus. Read and
+    // cleared on the loop's thread only.
     std::shared_ptr<Bus*> m_alive;
 };
 

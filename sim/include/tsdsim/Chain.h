@@ -9,17 +9,9 @@
 namespace tsdsim {
 
 // A chain as a chain file describes it: buses, modules with their cabling,
-// and a timeline of events. The file format is documented in docs/tsdsim.md;
-// in short, one statement per line, '#' starts a comment:
-//
-//   duration 20
-//   levels module KP=20 RZ=10
-//   levels source Ptp=2 Ntp=1
-//   bus chain
-//   module m1 uuid=000101 type=RZ timesource=Ptp threshold=1.0 rear=chain
-//   at 8 unplug m1
-//
-// Values with blanks are quoted: ptp4l="-4 -E -H -i firewire0".
+// and a timeline of events. The format, every statement, key and event with
+// its checks, is documented in one place, docs/chain-files.md; parseChain()
+// and checkEvent() follow it, so a change here is a change there.
 struct Chain
 {
     struct ModuleEntry
@@ -70,5 +62,13 @@ Chain defaultChain(int n, double duration);
 // Checks one event's words (known action, known module/bus/port, numbers);
 // returns an empty string when fine, else the reason.
 std::string checkEvent(const Chain& chain, const Chain::Event& event);
+
+// Whether a (checked) event makes the daemons elect again.
+bool opensElection(const Chain::Event& event);
+
+// Applies the KEY=VALUE words of a module line or a "param" event that
+// belong to "sync/param" (timesource, threshold, ptp4l, ntpserver) to param.
+// False for another key; throws ChainError (with line) for a bad value.
+bool applyParamKey(SyncParam& param, const std::string& key, const std::string& value, int line = 0);
 
 }  // namespace tsdsim

@@ -2,16 +2,21 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "tsdsim/Bus.h"
-#include "tsdsim/IoThread.h"
+#include "tsdsim/LoopThread.h"
 #include "tsdsim/Module.h"
 #include "tsdsim/ModuleSetup.h"
+#include "tsdsim/SimClock.h"
 
 namespace tsdsim {
 
@@ -53,7 +58,7 @@ namespace tsdsim {
 //
 // Threads: make the World and call it from one thread, and keep that thread
 // alive as long as the World (children die with the thread that forked
-// them). The world runs one IoThread of its own for the relay and monitors.
+// them). The world runs one LoopThread of its own for the relay and monitors.
 class World
 {
 public:
@@ -76,10 +81,11 @@ public:
     const std::string& prefix() const { return m_prefix; }
     const std::string& dir() const { return m_dir; }
     const std::string& binDir() const { return m_binDir; }
-    IoThread& io() { return *m_io; }
-    std::chrono::steady_clock::time_point startTime() const { return m_start; }
-    // Seconds since the world began.
-    double now() const;
+    LoopThread& io() { return *m_io; }
+    // The time base of every record: seconds since the world began.
+    const SimClock& clock() const { return m_clock; }
+    std::chrono::steady_clock::time_point startTime() const { return m_clock.start(); }
+    double now() const { return m_clock.now(); }
 
     Bus& addBus(const std::string& name);
     Bus* findBus(const std::string& name);
@@ -109,8 +115,13 @@ public:
 
     // Keeps publishers and watchers alive across velad restarts.
     void maintain();
-    // Polls condition (calling maintain()) until it holds or timeout passes.
+    // Evaluates condition whenever a module recorded something new (a bus
+    // event, a syslog line) and at least every 50 ms, calling maintain() in
+    // between, until it holds or timeout passes.
     bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
+    // Called from any thread (the modules' observers, on the loop thread)
+    // when something was recorded: wakes waitFor().
+    void notifyChange();
 
     // For programs: SIGINT/SIGTERM set a flag instead of killing the process,
     // so that the world's destructor still cleans up.
@@ -118,14 +129,27 @@ public:
     static bool stopRequested();
 
 private:
+    struct UncutPort
+    {
+        const Module* module;
+        std::string nodeId;  // as in reachable-device paths
+    };
+    using UncutPorts = std::map<const Bus*, std::vector<UncutPort>>;
+
+    UncutPorts uncutPorts() const;
+    std::set<std::string> reachableFor(const Module& module, const UncutPorts& ports) const;
+
     Options m_options;
     std::string m_prefix;
     std::string m_dir;
     std::string m_binDir;
-    std::chrono::steady_clock::time_point m_start;
-    std::unique_ptr<IoThread> m_io;
+    SimClock m_clock;
+    std::unique_ptr<LoopThread> m_io;
     std::vector<std::unique_ptr<Bus>> m_buses;
     std::vector<std::unique_ptr<Module>> m_modules;
+    std::mutex m_changeMutex;  // guards m_changes
+    std::condition_variable m_changed;
+    std::uint64_t m_changes = 0;
 };
 
 }  // namespace tsdsim

@@ -16,6 +16,10 @@ namespace orv::sys {
 // Callbacks may add and remove registrations, their own included, while the
 // loop dispatches; a registration removed during a dispatch round receives no
 // further events of that round.
+//
+// Threads: everything but stop(), post() and isInLoopThread() belongs to the
+// thread that runs execute() (or to the only thread, before it runs). Another
+// thread that wants the loop to do something posts a function to it.
 class EventLoop
 {
 public:
@@ -33,6 +37,20 @@ public:
     // Makes execute() return after the callback now running (if any). Safe in
     // signal handlers.
     void stop();
+
+    // Queues fn to run on the loop's thread; callable from any thread (not from
+    // a signal handler: it takes a lock). The loop wakes through the same
+    // eventfd as stop(), runs posted functions in the order they were posted,
+    // between dispatch rounds, and stops after the one that calls stop(),
+    // keeping the rest for the next execute(). Functions posted while no
+    // execute() runs wait for the next one; those still queued when the loop
+    // is destroyed are destroyed unrun.
+    void post(std::function<void()> fn);
+
+    // True on the thread that is inside execute() right now. Lets a caller
+    // that may or may not be on the loop's thread decide between calling
+    // directly and posting.
+    bool isInLoopThread() const;
 
     // Watches fd for events (an EPOLL* mask). Returns 0 or a negative errno
     // (-EEXIST when fd is registered already). The loop does not own fd.
