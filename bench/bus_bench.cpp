@@ -703,7 +703,7 @@ int main(int argc, char** argv)
             line.rfind(':') == std::string::npos
                 ? 0
                 : static_cast<std::uint16_t>(std::stoul(line.substr(line.rfind(':') + 1)));
-        Child mosq({"/usr/sbin/mosquitto", "-c", conf}, false);
+        Child mosq({std::string(TSD_PRIVATE_ROOT) + "/usr/sbin/mosquitto", "-c", conf}, false);
         if (velaPort == 0 || !waitFor([&] { return canConnect(mqttPort); }, 5s)) {
             std::fprintf(stderr, "bus_bench: brokers did not start (velad: '%s')\n", line.c_str());
             status = 1;

@@ -1,3 +1,4 @@
+#include "Acl.h"
 #include "BrokerCore.h"
 #include "JsonText.h"
 #include "Matcher.h"
@@ -20,6 +21,8 @@ public:
     std::map<ConnId, std::vector<Json::Value>> sent;
     std::vector<ConnId> closed;
     std::vector<std::string> logs;
+    std::map<ConnId, std::size_t> backlogs;  // what backlog() reports
+    std::vector<std::pair<ConnId, std::size_t>> drainWanted;
 
     void send(ConnId conn, std::string payload) override
     {
@@ -30,6 +33,12 @@ public:
     }
     void closeAfterFlush(ConnId conn) override { closed.push_back(conn); }
     void log(const std::string& line) override { logs.push_back(line); }
+    std::size_t backlog(ConnId conn) const override
+    {
+        auto it = backlogs.find(conn);
+        return it == backlogs.end() ? 0 : it->second;
+    }
+    void wantDrain(ConnId conn, std::size_t mark) override { drainWanted.emplace_back(conn, mark); }
 
     std::vector<Json::Value> take(ConnId conn)
     {
@@ -43,12 +52,15 @@ class BrokerCoreTest : public ::testing::Test
 {
 protected:
     RecordingSink sink;
-    BrokerCore core{sink, std::chrono::milliseconds(5000)};
+    BrokerCore core{sink};
     int nextId = 1;
+
+    // What root may do under the shipped policy: everything.
+    static vela::Grants everything() { return vela::Acl::shipped().grantsFor(vela::identityOfUser(0)); }
 
     void connect(ConnId conn)
     {
-        core.connected(conn, "test");
+        core.connected(conn, "test", everything());
         Json::Value params(Json::objectValue);
         params["protocol"] = p::kVersion;
         core.frame(conn, p::request(0, p::kHello, params));
@@ -95,7 +107,7 @@ protected:
 
 TEST_F(BrokerCoreTest, RequestsBeforeHelloAreRefused)
 {
-    core.connected(1, "test");
+    core.connected(1, "test", everything());
     core.frame(1, p::request(7, p::kAdd, pathValue("a", 1)));
     auto r = sink.take(1);
     ASSERT_EQ(r.size(), 1u);
@@ -105,7 +117,7 @@ TEST_F(BrokerCoreTest, RequestsBeforeHelloAreRefused)
 
 TEST_F(BrokerCoreTest, HelloWithAnotherVersionIsRefusedAndClosed)
 {
-    core.connected(1, "test");
+    core.connected(1, "test", everything());
     Json::Value params(Json::objectValue);
     params["protocol"] = p::kVersion + 1;
     core.frame(1, p::request(1, p::kHello, params));
@@ -338,9 +350,9 @@ TEST_F(BrokerCoreTest, SilentOwnerTimesOut)
     add(1, "a", 1, true);
     const auto t0 = BrokerCore::Clock::now();
     core.frame(2, p::request(9, p::kSet, pathValue("a", 2)), t0);
-    core.expireSets(t0 + std::chrono::milliseconds(4999));
+    core.expire(t0 + std::chrono::milliseconds(4999));
     EXPECT_TRUE(sink.take(2).empty());
-    core.expireSets(t0 + std::chrono::milliseconds(5000));
+    core.expire(t0 + std::chrono::milliseconds(5000));
     auto r = sink.take(2);
     ASSERT_EQ(r.size(), 1u);
     EXPECT_EQ(r[0]["id"], 9);
