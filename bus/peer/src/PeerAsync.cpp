@@ -144,6 +144,9 @@ struct PeerAsync::Impl
         std::string path;              // kAdd
         std::uint64_t generation = 0;  // kAdd
         int fetchId = 0;               // kFetch
+        // kAdd of a state the broker had refused: removing the state does
+        // not wait for this answer, so a success must be taken back.
+        bool contested = false;
     };
     struct Queued
     {
@@ -320,6 +323,7 @@ struct PeerAsync::Impl
             // after a broker restart the race for the path starts afresh.
             state.retryDue = false;
             state.retryPause = kFirstAddRetry;
+            pa.contested = state.contested;
             sendRequest(p::kAdd, addParams(path, state), std::move(pa));
         }
         for (auto& [id, fetch] : fetches) {
@@ -524,7 +528,8 @@ struct PeerAsync::Impl
         for (auto& [path, state] : states) {
             if (state.contested && state.retryDue && state.retryAt <= now) {
                 state.retryDue = false;
-                sendRequest(p::kAdd, addParams(path, state), Pending{Kind::kAdd, {}, path, state.generation, 0});
+                sendRequest(p::kAdd, addParams(path, state),
+                            Pending{Kind::kAdd, {}, path, state.generation, 0, true});
             }
         }
         armAddRetry();
@@ -658,13 +663,13 @@ struct PeerAsync::Impl
                     if (current && !addRefused(s->second, pend.path, body)) {
                         states.erase(s);
                     }
-                } else if (!current) {
+                } else if (!current && pend.contested) {
                     // Removed while a retried add was on its way: it must
                     // not stay on the bus.
                     Json::Value params(Json::objectValue);
                     params["path"] = pend.path;
                     sendRequest(p::kRemove, params, Pending{});
-                } else if (s->second.contested) {
+                } else if (current && s->second.contested) {
                     s->second.contested = false;
                     s->second.retryPause = kFirstAddRetry;
                     syslog(LOG_NOTICE, "vela: state '%s' added on broker %s after %u refusals",
