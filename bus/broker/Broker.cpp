@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -53,6 +54,9 @@ Broker::~Broker()
         m_loop.removeFd(l.fd);
         ::close(l.fd);
     }
+    if (!m_unixPathMade.empty()) {
+        ::unlink(m_unixPathMade.c_str());
+    }
 }
 
 int Broker::start()
@@ -90,6 +94,7 @@ int Broker::start()
                 ::close(fd);
                 return rc;
             }
+            m_unixPathMade = m_options.unixPath;
         }
     }
     for (const Listener& l : m_listeners) {
@@ -123,17 +128,24 @@ int Broker::addListener(int fd, bool unix)
 
 void Broker::fitConnectionsToFdLimit()
 {
-    m_maxConnections = m_options.limits.maxConnections;
+    const Limits& limits = m_options.limits;
+    m_maxConnections = limits.maxConnections;
+    m_maxPerUser = std::min(limits.maxConnectionsPerUser, limits.maxConnections);
     rlimit lim;
     if (::getrlimit(RLIMIT_NOFILE, &lim) < 0 || lim.rlim_cur == RLIM_INFINITY) {
         return;
     }
     const std::size_t room = lim.rlim_cur > kReservedFds ? static_cast<std::size_t>(lim.rlim_cur) - kReservedFds : 1;
-    if (m_maxConnections > room) {
-        log("max-connections " + std::to_string(m_maxConnections) + " lowered to " + std::to_string(room) +
-            ": the file descriptor limit is " + std::to_string(lim.rlim_cur));
-        m_maxConnections = room;
+    if (m_maxConnections <= room) {
+        return;
     }
+    // The per-user share shrinks in step, so that one user still cannot take
+    // every connection there is room for.
+    m_maxPerUser = std::max<std::size_t>(1, m_maxPerUser * room / m_maxConnections);
+    m_maxConnections = room;
+    log("max-connections " + std::to_string(limits.maxConnections) + " lowered to " +
+        std::to_string(m_maxConnections) + " and max-connections-per-user to " + std::to_string(m_maxPerUser) +
+        ": the file descriptor limit is " + std::to_string(lim.rlim_cur));
 }
 
 void Broker::pauseAccepting()
@@ -152,7 +164,6 @@ void Broker::pauseAccepting()
 
 void Broker::onAccept(const Listener& listener)
 {
-    const Limits& limits = m_options.limits;
     for (int i = 0; i < kAcceptsPerWakeup; ++i) {
         int fd = socket::acceptTcp(listener.fd);
         if (fd < 0) {
@@ -171,10 +182,9 @@ void Broker::onAccept(const Listener& listener)
         }
         const PeerIdentity identity = listener.unix ? unixPeerIdentity(fd) : m_tcpLookup.identify(fd);
         const std::int64_t user = identity.known ? static_cast<std::int64_t>(identity.uid) : kUnknownUser;
-        const std::size_t perUser = std::min(limits.maxConnectionsPerUser, m_maxConnections);
-        if (m_perUser[user] >= perUser) {
+        if (m_perUser[user] >= m_maxPerUser) {
             turnAway(fd, "too many connections of " + identity.describe() + " (max-connections-per-user " +
-                             std::to_string(perUser) + ")");
+                             std::to_string(m_maxPerUser) + ")");
             continue;
         }
         const Grants grants = m_options.acl.grantsFor(identity);

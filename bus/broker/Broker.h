@@ -59,9 +59,10 @@ public:
     std::uint16_t port() const { return m_port; }
     // "127.0.0.1:11122", "unix:/run/vela/bus.sock": one per listening socket.
     std::vector<std::string> listening() const;
-    // Connections accepted at a time; below Limits::maxConnections when the
-    // process's fd limit leaves less room.
+    // Connections accepted at a time, in total and per user; below the
+    // Limits when the process's fd limit leaves less room.
     std::size_t maxConnections() const { return m_maxConnections; }
+    std::size_t maxConnectionsPerUser() const { return m_maxPerUser; }
     const BrokerCore& core() const { return m_core; }
 
 private:
@@ -82,8 +83,11 @@ private:
     TcpPeerLookup m_tcpLookup;
     LogLimiter m_log;
     std::vector<Listener> m_listeners;
+    // The Unix socket file this broker made, removed again when it ends.
+    std::string m_unixPathMade;
     std::uint16_t m_port = 0;
     std::size_t m_maxConnections = 0;
+    std::size_t m_maxPerUser = 0;
     ConnId m_nextConn = 1;
     std::unordered_map<ConnId, Peer> m_conns;
     std::unordered_map<std::int64_t, std::size_t> m_perUser;
@@ -102,7 +106,7 @@ private:
     void onClosed(ConnId conn, int err);
     void armSweep();
     void pauseAccepting();
-    // The number of connections the fd limit leaves room for.
+    // Lowers the connection quotas to what the fd limit leaves room for.
     void fitConnectionsToFdLimit();
 
     void send(ConnId conn, std::string payload) override;
