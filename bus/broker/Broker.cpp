@@ -187,6 +187,8 @@ void Broker::onAccept(const Listener& listener)
                              std::to_string(m_maxPerUser) + ")");
             continue;
         }
+        const int sendBuffer = static_cast<int>(m_options.limits.sendBufferBytes);
+        ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);
         const Grants grants = m_options.acl.grantsFor(identity);
         const ConnId id = m_nextConn++;
         const std::string description = socket::peerName(fd) + ", " + identity.describe();

@@ -50,6 +50,7 @@ const Knob kKnobs[] = {
     {"max-stored-bytes", Kind::kBytes, kMiB, 16 * kGiB, &Limits::maxStoredBytes},
     {"max-backlog-bytes", Kind::kBytes, 2 * kMiB, 4 * kGiB, &Limits::maxBacklogBytes},
     {"max-total-backlog-bytes", Kind::kBytes, 2 * kMiB, 64 * kGiB, &Limits::maxTotalBacklogBytes},
+    {"send-buffer-bytes", Kind::kBytes, 64 * kKiB, 4 * kMiB, &Limits::sendBufferBytes},
     {"set-timeout-ms", Kind::kMillis, 1, 3600000, nullptr, &Limits::setTimeout},
     {"log-rate", Kind::kRate, 0, 1e6, nullptr, nullptr, &Limits::logRate},
     {"log-burst", Kind::kCount, 1, 1e6, nullptr, nullptr, nullptr, &Limits::logBurst},
@@ -100,6 +101,9 @@ std::string rangeText(const Knob& k)
     auto show = [&](double v) {
         if (k.kind == Kind::kBytes && v >= kMiB && std::fmod(v, kMiB) == 0) {
             return std::to_string(static_cast<unsigned long long>(v / kMiB)) + "M";
+        }
+        if (k.kind == Kind::kBytes && v >= kKiB && std::fmod(v, kKiB) == 0) {
+            return std::to_string(static_cast<unsigned long long>(v / kKiB)) + "K";
         }
         return std::to_string(static_cast<unsigned long long>(v));
     };

@@ -34,6 +34,10 @@ struct Limits
     // with the largest backlog is.
     std::size_t maxBacklogBytes = 4 * 1024 * 1024;
     std::size_t maxTotalBacklogBytes = 64 * 1024 * 1024;
+    // The kernel's send buffer of each connection (SO_SNDBUF; the kernel
+    // doubles it). Without it the kernel grows the buffer of a reader that
+    // does not read to 4 MiB, on top of the backlog the broker holds.
+    std::size_t sendBufferBytes = 256 * 1024;
     // How long a set request waits for the owner's answer.
     std::chrono::milliseconds setTimeout{5000};
     // Log lines: all of them (global) and those caused by one peer, as a

@@ -36,6 +36,7 @@ TEST(BrokerConfig, EveryQuotaHasAName)
                                         "max-stored-bytes 8M\n"
                                         "max-backlog-bytes 2048K\n"
                                         "max-total-backlog-bytes 1G\n"
+                                        "send-buffer-bytes 128K\n"
                                         "set-timeout-ms 700\n"
                                         "log-rate 0.5\n"
                                         "log-burst 7\n"
@@ -54,6 +55,7 @@ TEST(BrokerConfig, EveryQuotaHasAName)
     EXPECT_EQ(l.maxStoredBytes, 8u * 1024 * 1024);
     EXPECT_EQ(l.maxBacklogBytes, 2u * 1024 * 1024);
     EXPECT_EQ(l.maxTotalBacklogBytes, 1024u * 1024 * 1024);
+    EXPECT_EQ(l.sendBufferBytes, 128u * 1024);
     EXPECT_EQ(l.setTimeout.count(), 700);
     EXPECT_DOUBLE_EQ(l.logRate, 0.5);
     EXPECT_EQ(l.logBurst, 7u);
@@ -99,6 +101,7 @@ TEST(BrokerConfig, ShippedFileHoldsTheDefaults)
     EXPECT_EQ(l.maxStoredBytes, d.maxStoredBytes);
     EXPECT_EQ(l.maxBacklogBytes, d.maxBacklogBytes);
     EXPECT_EQ(l.maxTotalBacklogBytes, d.maxTotalBacklogBytes);
+    EXPECT_EQ(l.sendBufferBytes, d.sendBufferBytes);
     EXPECT_EQ(l.setTimeout, d.setTimeout);
     EXPECT_DOUBLE_EQ(l.logRate, d.logRate);
     EXPECT_EQ(l.logBurst, d.logBurst);
@@ -119,6 +122,7 @@ TEST(BrokerConfig, BadLinesAreRefusedNamingTheLine)
     EXPECT_EQ(refusal("max-backlog-bytes 1M\n"),
               "line 1: bad value '1M' for max-backlog-bytes (2M..4096M)");
     EXPECT_EQ(refusal("max-stored-bytes 5T\n"), "line 1: bad value '5T' for max-stored-bytes (1M..16384M)");
+    EXPECT_EQ(refusal("send-buffer-bytes 8K\n"), "line 1: bad value '8K' for send-buffer-bytes (64K..4M)");
     EXPECT_EQ(refusal("hello-timeout-ms 1.5\n"), "line 1: bad value '1.5' for hello-timeout-ms (100..600000)");
     EXPECT_EQ(refusal("log-rate nan\n"), "line 1: bad value 'nan' for log-rate (0..1000000)");
     EXPECT_EQ(refusal("max-backlog-bytes 8M\nmax-total-backlog-bytes 4M\n"),

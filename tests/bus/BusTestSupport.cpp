@@ -79,7 +79,8 @@ int runVelaAs(uid_t uid, gid_t gid, const std::string& address, std::uint16_t po
     return status;
 }
 
-std::vector<int> socketsOf(uid_t uid, gid_t gid, std::uint16_t port, int count, const std::string& unixPath)
+std::vector<int> socketsOf(uid_t uid, gid_t gid, std::uint16_t port, int count, const std::string& unixPath,
+                           int receiveBuffer)
 {
     int pair[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) < 0) {
@@ -99,16 +100,17 @@ std::vector<int> socketsOf(uid_t uid, gid_t gid, std::uint16_t port, int count, 
             ::_exit(3);
         }
         for (int i = 0; i < count; ++i) {
-            int fd = -1;
+            int fd = ::socket(unixPath.empty() ? AF_INET : AF_UNIX, SOCK_STREAM, 0);
+            if (receiveBuffer > 0) {
+                ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+            }
             if (unixPath.empty()) {
-                fd = ::socket(AF_INET, SOCK_STREAM, 0);
                 sockaddr_in addr;
                 vela::socket::makeAddress("127.0.0.1", port, addr);
                 if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
                     ::_exit(4);
                 }
             } else {
-                fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
                 sockaddr_un addr{};
                 addr.sun_family = AF_UNIX;
                 std::strncpy(addr.sun_path, unixPath.c_str(), sizeof addr.sun_path - 1);

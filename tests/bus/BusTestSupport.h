@@ -41,8 +41,10 @@ int runVelaAs(uid_t uid, gid_t gid, const std::string& address, std::uint16_t po
 // gid, and handed to the caller. The broker learns a peer's user from the
 // socket (who created it, who connected it), so the caller can then speak
 // for that user without being it. Empty on failure.
+// receiveBuffer > 0: the sockets get that SO_RCVBUF before they connect,
+// so that a client that never reads takes little from the broker.
 std::vector<int> socketsOf(uid_t uid, gid_t gid, std::uint16_t port, int count,
-                           const std::string& unixPath = {});
+                           const std::string& unixPath = {}, int receiveBuffer = 0);
 
 // A blocking client that speaks the frames by hand.
 class RawClient

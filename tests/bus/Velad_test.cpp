@@ -297,3 +297,50 @@ TEST(VeladProcess, BadOptionsAreRefused)
     ChildProcess unknown({bustest::veladPath(), "--frobnicate"});
     EXPECT_EQ(unknown.wait(), 2);
 }
+
+TEST(VeladProcess, VersionIsTheProjects)
+{
+    ChildProcess velad({bustest::veladPath(), "--version"});
+    std::string line;
+    ASSERT_TRUE(velad.readLine(line));
+    EXPECT_EQ(line, std::string("velad ") + TSD_VERSION);
+    EXPECT_EQ(velad.wait(), 0);
+    ChildProcess vela({bustest::velaPath(), "--version"});
+    ASSERT_TRUE(vela.readLine(line));
+    EXPECT_EQ(line, std::string("vela ") + TSD_VERSION);
+    EXPECT_EQ(vela.wait(), 0);
+}
+
+TEST(VeladProcess, MalformedPolicyOrQuotasRefuseToStartNamingTheLine)
+{
+    bustest::TempFile acl("bad-acl.conf", "user root own,set,fetch *\nall read *\n");
+    ChildProcess badAcl({bustest::veladPath(), "--port", "0", "--acl", acl.path()});
+    EXPECT_EQ(badAcl.wait(), 1);
+    EXPECT_EQ(badAcl.readAllStderr(),
+              "velad: " + acl.path() + ": line 2: unknown right 'read' (own, set, fetch, separated by commas)\n");
+
+    bustest::TempFile conf("bad-velad.conf", "# quotas\nmax-connections 10\nmax-conections 5\n");
+    ChildProcess badConf({bustest::veladPath(), "--port", "0", "--config", conf.path()});
+    EXPECT_EQ(badConf.wait(), 1);
+    EXPECT_EQ(badConf.readAllStderr(), "velad: " + conf.path() + ": line 3: unknown setting 'max-conections'\n");
+
+    ChildProcess missing({bustest::veladPath(), "--port", "0", "--acl", "/nonexistent/acl.conf"});
+    EXPECT_EQ(missing.wait(), 1);
+    EXPECT_EQ(missing.readAllStderr(), "velad: /nonexistent/acl.conf: No such file or directory\n");
+}
+
+TEST(VeladProcess, SetTimeoutOptionOverridesTheQuotaFile)
+{
+    bustest::TempFile conf("velad.conf", "set-timeout-ms 60000\n");
+    LocalVelad velad{{"--quiet", "--config", conf.path(), "--set-timeout", "200"}};
+    RawClient owner(velad.port());
+    ASSERT_TRUE(owner.hello());
+    ASSERT_EQ(owner.call(p::kAdd, bustest::params({{"path", "s"}, {"value", 0}, {"settable", true}}))["result"],
+              true);
+    RawClient requester(velad.port());
+    ASSERT_TRUE(requester.hello());
+    const auto t0 = std::chrono::steady_clock::now();
+    const Json::Value r = requester.call(p::kSet, bustest::params({{"path", "s"}, {"value", 1}}), 5s);
+    EXPECT_EQ(bustest::errorCode(r), p::kSetTimeout);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, 2s);
+}
