@@ -29,6 +29,8 @@ constexpr std::chrono::milliseconds kSweep(100);
 // sockets, the socket-table lookup, epoll, its eventfd and timers, standard
 // streams, and the connection being turned away.
 constexpr std::size_t kReservedFds = 16;
+// Reads (64 KiB each) of one peer per wake-up while no reader is behind.
+constexpr int kReadsPerWakeup = 16;
 // Accepts per wake-up, so that a connection storm cannot starve the peers
 // already connected.
 constexpr int kAcceptsPerWakeup = 64;
@@ -201,6 +203,12 @@ void Broker::onAccept(const Listener& listener)
             [this, id](std::uint32_t length) { m_core.badFrame(id, length); },
             [this, id](int err) { onClosed(id, err); });
         conn->shareBacklog(&m_totalBacklog);
+        // While readers are behind, writers are read more slowly, so that a
+        // burst of changes cannot outrun the fetchers that do read; one that
+        // does not read at all still reaches its limit and goes.
+        conn->setReadBudget([this] {
+            return m_totalBacklog > m_options.limits.maxBacklogBytes / 2 ? 1 : kReadsPerWakeup;
+        });
         m_conns.emplace(id, Peer{std::move(conn), user});
         ++m_perUser[user];
         m_core.connected(id, description, grants);

@@ -98,9 +98,10 @@ void FrameConnection::send(std::string_view payload)
         }
         return;
     }
-    if (wasEmpty) {
+    if (wasEmpty && !m_writeOnNextTurn) {
         writeNow();
     } else {
+        // Writable is reported at once: the loop writes on its next turn.
         updateInterest();
     }
 }
@@ -214,7 +215,8 @@ bool FrameConnection::readAll()
     std::shared_ptr<bool> alive = m_alive;
     Batch batch;
     char buf[kReadChunk];
-    for (int i = 0; i < kReadsPerEvent && m_reading; ++i) {
+    const int reads = m_readBudget ? std::max(1, m_readBudget()) : kReadsPerEvent;
+    for (int i = 0; i < reads && m_reading; ++i) {
         ssize_t n = ::read(m_fd, buf, sizeof buf);
         if (n < 0) {
             if (errno == EINTR) {

@@ -295,6 +295,8 @@ struct PeerAsync::Impl
                 conn->abort(-EPROTO);
             },
             [this](int err) { onClosed(err); });
+        // Calls made in one go (a burst of notifyState) leave in one write.
+        conn->setWriteOnNextTurn(true);
         backoff = kFirstRetry;
         if (linkLog == LinkLog::kLost) {
             syslog(LOG_NOTICE, "vela: connection to broker %s restored", where().c_str());
