@@ -22,6 +22,7 @@ constexpr int kMaxModules = 64;
 void usage(std::ostream& out)
 {
     out << "usage: tsdsim [--modules N] [--for SECONDS] [--json] [--bin DIR] [CHAIN-FILE]\n"
+           "       tsdsim --version\n"
            "  --modules N    N modules on one bus (default 4) when no chain file is given\n"
            "  --for SECONDS  run time (default 15, or the chain file's duration)\n"
            "  --json         print the end summary as JSON on stdout (live view goes to stderr)\n"
@@ -50,6 +51,7 @@ int main(int argc, char** argv)
                                          {"bin", required_argument, nullptr, 'b'},
                                          {"check", no_argument, nullptr, 'c'},
                                          {"help", no_argument, nullptr, 'h'},
+                                         {"version", no_argument, nullptr, 'V'},
                                          {nullptr, 0, nullptr, 0}};
     int opt;
     while ((opt = ::getopt_long(argc, argv, "n:f:jb:ch", longOptions, nullptr)) != -1) {
@@ -80,6 +82,9 @@ int main(int argc, char** argv)
                 break;
             case 'h':
                 usage(std::cout);
+                return 0;
+            case 'V':
+                std::cout << "tsdsim " TSD_VERSION "\n";
                 return 0;
             default:
                 usage(std::cerr);

@@ -32,6 +32,7 @@ ConfigDocument ConfigDocument::read(const pugi::xml_document& document)
 
     const pugi::xml_node levels = root.child("PrioLevel");
     collectLevels(levels.child("ModuleType"), result.prioLevels);
+    result.moduleTypeCount = result.prioLevels.size();
     collectLevels(levels.child("TimeSource"), result.prioLevels);
     return result;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,6 +22,9 @@ struct ConfigDocument
     // (name, level text) of every element under PrioLevel/ModuleType, then
     // under PrioLevel/TimeSource.
     std::vector<std::pair<std::string, std::string>> prioLevels;
+    // How many of prioLevels came from ModuleType; the rest are the time
+    // sources, which is what the keeper of the time-source parameters offers.
+    std::size_t moduleTypeCount = 0;
 
     static ConfigDocument read(const pugi::xml_document& document);
 

@@ -1,8 +1,10 @@
 #include "main/Daemon.h"
 
 #include <syslog.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <functional>
 #include <iostream>
@@ -11,6 +13,7 @@
 #include <orv/communication/Netadapter.h>
 #include <orv/exception/exception.h>
 #include <orv/sys/PidFile.h>
+#include <orv/sys/Timer.h>
 #include <vela/PeerAsync.h>
 
 #include "config/Config.h"
@@ -163,6 +166,17 @@ void signalHandler(int signalNumber)
     }
 }
 
+void notifyReadyFromLoop(orv::sys::Timer& timer)
+{
+    timer.set(std::chrono::milliseconds(0), false, [](bool fired) {
+        // Unsetting NOTIFY_SOCKET keeps it from the time-service scripts and
+        // the daemons they start: their own notifications would only be
+        // refused by the service manager, which listens to tsd alone.
+        if (fired)
+            sd_notify(1, "READY=1");
+    });
+}
+
 void installSignalHandler(int signalNumber)
 {
     struct sigaction action = {};
@@ -254,6 +268,8 @@ int tsdMain(int argc, char** argv)
     }
 
     netlink.start(std::bind(netLinkEventHandler, _1, _2, _3));
+    orv::sys::Timer readiness(eventloop);
+    notifyReadyFromLoop(readiness);
     eventloop.execute();
     return 0;
 }

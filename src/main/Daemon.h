@@ -7,6 +7,10 @@
 #include <orv/communication/Netlink.h>
 #include <orv/sys/EventLoop.h>
 
+namespace orv::sys {
+class Timer;
+}
+
 #include "config/InterfaceType.h"
 
 // The daemon process: its process-wide objects, its handlers and its body.
@@ -36,6 +40,13 @@ void netLinkEventHandler(orv::communication::Netlink::event_t event, unsigned in
 
 void signalHandler(int signalNumber);
 void installSignalHandler(int signalNumber);
+
+// Arms timer (a timer of the daemon's loop) so that the loop's first round
+// tells the service manager "READY=1": only a running loop can dispatch the
+// timer, so a unit ordered after tsd.service starts once the receivers listen
+// and the loop serves them. Does nothing visible when the daemon was not
+// started with NOTIFY_SOCKET.
+void notifyReadyFromLoop(orv::sys::Timer& timer);
 
 // The body of main: 0 after a stop or the usage text, -1 when the rear side
 // cannot be brought up, 1 when another instance is running.

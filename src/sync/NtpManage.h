@@ -21,8 +21,9 @@ class NtpManage
 public:
     static constexpr const char* kTimesyncDir = "/var/run/timesync";
     static constexpr const char* kServerFile = "/var/run/timesync/ntpserver.ip";
-    static constexpr const char* kStartCommand = "/bin/start_ntpd.sh &";
-    static constexpr const char* kStopCommand = "/bin/stop_ntpd.sh";
+    // TSD_SCRIPT_DIR is "/bin" unless the build was told otherwise.
+    static constexpr const char* kStartCommand = TSD_SCRIPT_DIR "/start_ntpd.sh &";
+    static constexpr const char* kStopCommand = TSD_SCRIPT_DIR "/stop_ntpd.sh";
 
     static NtpManage& instance();
 

@@ -19,9 +19,10 @@ class PTPManage
 {
 public:
     static constexpr const char* kConfigFile = "/var/run/timesync/ptp4l.cfg";
-    static constexpr const char* kStartCommand = "/bin/ptp4ladm.sh start";
-    static constexpr const char* kRestartCommand = "/bin/ptp4ladm.sh restart";
-    static constexpr const char* kStopCommand = "/bin/ptp4ladm.sh stop";
+    // TSD_SCRIPT_DIR is "/bin" unless the build was told otherwise.
+    static constexpr const char* kStartCommand = TSD_SCRIPT_DIR "/ptp4ladm.sh start";
+    static constexpr const char* kRestartCommand = TSD_SCRIPT_DIR "/ptp4ladm.sh restart";
+    static constexpr const char* kStopCommand = TSD_SCRIPT_DIR "/ptp4ladm.sh stop";
 
     static PTPManage& instance();
 

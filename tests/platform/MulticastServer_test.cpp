@@ -49,6 +49,7 @@ struct Datagram
     unsigned fromIndex;
     int interfaceIndex;
     bool fromFirewire;
+    std::string sender;
 };
 
 // Receives every datagram of a server into a list.
@@ -63,9 +64,11 @@ struct Collector
             std::vector<char> buffer(bufferSize + 1);
             Netadapter from;
             int index = -1;
-            const int n = server.receiveTelegram(buffer.data(), bufferSize, from, index);
+            std::string sender;
+            const int n = server.receiveTelegram(buffer.data(), bufferSize, from, index, sender);
             got.push_back({n, n > 0 ? std::string(buffer.data(), static_cast<std::size_t>(n)) : std::string(),
-                           from.getName(), from.getInterfaceIndex(), index, from.isFirewireAdapter()});
+                           from.getName(), from.getInterfaceIndex(), index, from.isFirewireAdapter(),
+                           sender});
             return n;
         };
     }
@@ -179,10 +182,13 @@ TEST(MulticastServer, ReceivesOnTheJoinedInterfaceAndNamesIt)
         EXPECT_EQ(d.fromIndex, orvtest::interfaceIndex("va"));
         EXPECT_EQ(d.interfaceIndex, static_cast<int>(orvtest::interfaceIndex("va")));
         EXPECT_FALSE(d.fromFirewire);
+        EXPECT_EQ(d.sender, "10.77.0.2");
         char buffer[8];
         Netadapter from;
         int index = 0;
-        EXPECT_EQ(server.receiveTelegram(buffer, sizeof buffer, from, index), -EAGAIN);
+        std::string sender = "stale";
+        EXPECT_EQ(server.receiveTelegram(buffer, sizeof buffer, from, index, sender), -EAGAIN);
+        EXPECT_EQ(sender, "");
     });
 }
 

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <sstream>
 #include <iostream>
 #include <set>
 
@@ -119,6 +120,14 @@ bool PrivateMounts::shadow(const std::string& dir)
     ::closedir(d);
     g_shadowed.insert(dir);
     return true;
+}
+
+std::string PrivateMounts::readFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream content;
+    content << in.rdbuf();
+    return content.str();
 }
 
 bool PrivateMounts::writeFile(const std::string& path, const std::string& content, unsigned mode)

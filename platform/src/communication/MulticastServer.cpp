@@ -202,8 +202,16 @@ int MulticastServer::dropInterface(int interfaceIndex)
 
 int MulticastServer::receiveTelegram(void* buffer, unsigned size, Netadapter& from, int& interfaceIndex)
 {
+    std::string senderAddress;
+    return receiveTelegram(buffer, size, from, interfaceIndex, senderAddress);
+}
+
+int MulticastServer::receiveTelegram(void* buffer, unsigned size, Netadapter& from, int& interfaceIndex,
+                                     std::string& senderAddress)
+{
     ++m_receiveCalls;
     interfaceIndex = 0;
+    senderAddress.clear();
     if (m_fd < 0) {
         return -EBADF;
     }
@@ -211,7 +219,10 @@ int MulticastServer::receiveTelegram(void* buffer, unsigned size, Netadapter& fr
     iov.iov_base = buffer;
     iov.iov_len = size;
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))];
+    sockaddr_in sender{};
     msghdr message{};
+    message.msg_name = &sender;
+    message.msg_namelen = sizeof sender;
     message.msg_iov = &iov;
     message.msg_iovlen = 1;
     message.msg_control = control;
@@ -231,6 +242,11 @@ int MulticastServer::receiveTelegram(void* buffer, unsigned size, Netadapter& fr
             std::memcpy(&info, CMSG_DATA(c), sizeof info);
             interfaceIndex = info.ipi_ifindex;
         }
+    }
+    char senderText[INET_ADDRSTRLEN];
+    if (message.msg_namelen >= sizeof sender && sender.sin_family == AF_INET &&
+        ::inet_ntop(AF_INET, &sender.sin_addr, senderText, sizeof senderText) != nullptr) {
+        senderAddress = senderText;
     }
     from = Netadapter();
     if (interfaceIndex > 0 && m_adapters.contains(static_cast<unsigned>(interfaceIndex))) {

@@ -14,8 +14,11 @@
 
 #include "config/Config.h"
 #include "main/Debug.h"
+
+#include <orv/sys/Timer.h>
 #include "protocol/SideNetwork.h"
 #include "testsupport/LoopRun.h"
+#include "testsupport/NotifySocket.h"
 #include "testsupport/PrivateMounts.h"
 #include "testsupport/StreamCapture.h"
 #include "testsupport/SyslogCapture.h"
@@ -325,4 +328,41 @@ TEST(TsdMain, PlainModuleWithoutFrontAddressSaysNothingAboutTheFront)
         EXPECT_FALSE(receiverFront.isStarted());
         receiverRear.stop();
     });
+}
+
+// Readiness for the service manager comes from the loop itself: armed before
+// the loop runs, sent by its first round, once.
+TEST(Readiness, IsSentByTheRunningLoopOnlyAndOnlyOnce)
+{
+    testsupport::NotifySocket notify;
+    notify.exportPath();
+    orv::sys::EventLoop loop;
+    orv::sys::Timer readiness(loop);
+    orv::tsd::notifyReadyFromLoop(readiness);
+    EXPECT_EQ(notify.receive(300ms), "") << "nothing before the loop runs";
+
+    std::string message;
+    EXPECT_TRUE(runUntil(
+        loop, [&] { return !(message = notify.receive()).empty(); }, 5s));
+    EXPECT_EQ(message, "READY=1");
+    // The scripts and the services they start do not inherit the socket.
+    EXPECT_EQ(std::getenv("NOTIFY_SOCKET"), nullptr);
+    runFor(loop, 300ms);
+    EXPECT_EQ(notify.receive(), "") << "sent once";
+}
+
+TEST(Readiness, WithoutNotifySocketNothingIsSentAndTheLoopRunsOn)
+{
+    testsupport::NotifySocket notify;
+    ::unsetenv("NOTIFY_SOCKET");
+    orv::sys::EventLoop loop;
+    orv::sys::Timer readiness(loop);
+    orv::tsd::notifyReadyFromLoop(readiness);
+    bool later = false;
+    orv::sys::Timer next(loop);
+    next.set(50ms, false, [&](bool fired) { later = fired; });
+    EXPECT_TRUE(runUntil(
+        loop, [&] { return later; }, 5s));
+    EXPECT_FALSE(readiness.isPending());
+    EXPECT_EQ(notify.receive(200ms), "");
 }

@@ -31,6 +31,8 @@ public:
     // Writes content to path (an existing symlink there is replaced by a
     // regular file). The parent directories are created. mode: file mode.
     static bool writeFile(const std::string& path, const std::string& content, unsigned mode = 0644);
+    // The whole content of path; empty when it cannot be read.
+    static std::string readFile(const std::string& path);
     static bool removeEntry(const std::string& path);
 
     // A fresh directory under the scratch tmpfs, e.g. for sockets and logs.

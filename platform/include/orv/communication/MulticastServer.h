@@ -58,6 +58,11 @@ public:
     // the adapter it came in on (IP_PKTINFO; an empty adapter when the index is
     // no longer known) and interfaceIndex that index.
     int receiveTelegram(void* buffer, unsigned size, Netadapter& from, int& interfaceIndex);
+    // The same, and also the sender's IPv4 address as dotted text (empty when
+    // nothing was read): a listener that wants to tell the modules on one
+    // interface apart needs the source of each datagram.
+    int receiveTelegram(void* buffer, unsigned size, Netadapter& from, int& interfaceIndex,
+                        std::string& senderAddress);
 
     // Sends telegram to the group and port out of the given interface, with the
     // given multicast TTL (1 keeps it on the local link). Returns the bytes sent
