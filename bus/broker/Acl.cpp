@@ -8,8 +8,12 @@
 
 namespace vela {
 
+// root does everything; the two services beside tsd that run as users of
+// their own publish their one part of the bus; everyone reads.
 const char* const Acl::kShippedPolicy =
     "user root own,set,fetch *\n"
+    "user fwdevd own reachableDevices/*\n"
+    "user tsdparamd own sync/param\n"
     "all fetch *\n";
 
 namespace {

@@ -26,8 +26,10 @@ namespace vela {
 class Acl
 {
 public:
-    // The policy a module runs with when it has no acl.conf: root may do
-    // everything, every other user may fetch and nothing else.
+    // The policy a module runs with when it has no acl.conf (the same as
+    // the shipped file): root may do everything, the service users of fwdevd
+    // and tsdparamd own their paths, every other user may fetch and nothing
+    // else.
     static const char* const kShippedPolicy;
     // The file a broker reads when told nothing else.
     static constexpr const char* kDefaultPath = "/etc/vela/acl.conf";

@@ -25,10 +25,6 @@ namespace {
 // against their deadline while any exist (ms); an expiry may come this much
 // late.
 constexpr std::chrono::milliseconds kSweep(100);
-// File descriptors the broker needs besides its connections: listening
-// sockets, the socket-table lookup, epoll, its eventfd and timers, standard
-// streams, and the connection being turned away.
-constexpr std::size_t kReservedFds = 16;
 // Reads (64 KiB each) of one peer per wake-up while no reader is behind.
 constexpr int kReadsPerWakeup = 16;
 // Accepts per wake-up, so that a connection storm cannot starve the peers

@@ -31,6 +31,11 @@ class FrameConnection;
 class Broker : private BrokerSink
 {
 public:
+    // File descriptors the broker keeps for itself besides its connections:
+    // listening sockets, the socket-table lookup, epoll, its eventfd and
+    // timers, standard streams, and the connection being turned away.
+    static constexpr std::size_t kReservedFds = 16;
+
     struct Options
     {
         std::string address = "127.0.0.1";

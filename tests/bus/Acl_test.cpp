@@ -64,7 +64,7 @@ std::string readFile(const std::string& path)
 
 }  // namespace
 
-TEST(Acl, ShippedPolicyLetsRootDoEverythingAndEveryoneElseFetch)
+TEST(Acl, ShippedPolicyLetsRootDoEverythingTheServicesOwnTheirPathsAndEveryoneElseFetch)
 {
     const Acl acl = Acl::shipped();
     const Grants root = acl.grantsFor(vela::identityOfUser(0));
@@ -78,6 +78,17 @@ TEST(Acl, ShippedPolicyLetsRootDoEverythingAndEveryoneElseFetch)
     EXPECT_FALSE(nobody.may(kRightSet, "sync/param"));
     EXPECT_FALSE(nobody.mayAnywhere(kRightOwn));
     EXPECT_FALSE(nobody.mayAnywhere(kRightSet));
+
+    // The services beside tsd, by the names of their users.
+    const Grants fwdevd = acl.grantsFor(user(120, "fwdevd"));
+    EXPECT_TRUE(fwdevd.may(kRightOwn, "reachableDevices/firewire0/0A7C31000001"));
+    EXPECT_FALSE(fwdevd.may(kRightOwn, "sync/param"));
+    EXPECT_FALSE(fwdevd.mayAnywhere(kRightSet));
+    const Grants paramd = acl.grantsFor(user(121, "tsdparamd"));
+    EXPECT_TRUE(paramd.may(kRightOwn, "sync/param"));
+    EXPECT_FALSE(paramd.may(kRightOwn, "sync/app"));
+    EXPECT_FALSE(paramd.may(kRightOwn, "reachableDevices/firewire0/0A7C31000001"));
+    EXPECT_TRUE(paramd.may(kRightFetch, "sync/app"));
 }
 
 TEST(Acl, ShippedFileSaysWhatTheBuiltInPolicySays)
@@ -89,6 +100,10 @@ TEST(Acl, ShippedFileSaysWhatTheBuiltInPolicySays)
     for (uid_t uid : {0u, 1u, 65534u, 4711u}) {
         const PeerIdentity id = vela::identityOfUser(uid);
         EXPECT_EQ(file.grantsFor(id).describe(), builtIn.grantsFor(id).describe()) << uid;
+    }
+    for (const char* name : {"fwdevd", "tsdparamd", "tsdadm"}) {
+        EXPECT_EQ(file.grantsFor(user(200, name)).describe(), builtIn.grantsFor(user(200, name)).describe())
+            << name;
     }
     EXPECT_EQ(file.grantsFor(unknown()).describe(), builtIn.grantsFor(unknown()).describe());
 }
