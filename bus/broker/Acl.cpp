@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 
 namespace vela {
 
@@ -120,20 +119,13 @@ bool Acl::parse(std::string_view text, Acl& out, std::string& error)
 
 bool Acl::load(const std::string& path, bool mayBeMissing, Acl& out, std::string& error)
 {
-    std::string text;
-    const int rc = readConfigFile(path, text);
-    if (rc == -ENOENT && mayBeMissing) {
-        out = shipped();
-        return true;
-    }
-    if (rc < 0) {
-        error = path + ": " + (rc == -EFBIG ? "larger than 1 MiB" : std::strerror(-rc));
+    Acl acl = shipped();
+    if (!loadConfigFile(
+            path, mayBeMissing, [&acl](std::string_view text, std::string& why) { return parse(text, acl, why); },
+            error)) {
         return false;
     }
-    if (!parse(text, out, error)) {
-        error = path + ": " + error;
-        return false;
-    }
+    out = std::move(acl);
     return true;
 }
 

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <set>
 
 namespace vela {
@@ -167,20 +166,9 @@ bool parseBrokerConfig(std::string_view text, Limits& limits, std::string& error
 
 bool loadBrokerConfig(const std::string& path, bool mayBeMissing, Limits& limits, std::string& error)
 {
-    std::string text;
-    const int rc = readConfigFile(path, text);
-    if (rc == -ENOENT && mayBeMissing) {
-        return true;
-    }
-    if (rc < 0) {
-        error = path + ": " + (rc == -EFBIG ? "larger than 1 MiB" : std::strerror(-rc));
-        return false;
-    }
-    if (!parseBrokerConfig(text, limits, error)) {
-        error = path + ": " + error;
-        return false;
-    }
-    return true;
+    return loadConfigFile(
+        path, mayBeMissing,
+        [&limits](std::string_view text, std::string& why) { return parseBrokerConfig(text, limits, why); }, error);
 }
 
 }  // namespace vela

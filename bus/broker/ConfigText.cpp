@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace vela {
 
@@ -93,6 +94,26 @@ int readConfigFile(const std::string& path, std::string& text)
     }
     ::close(fd);
     return 0;
+}
+
+bool loadConfigFile(const std::string& path, bool mayBeMissing,
+                    const std::function<bool(std::string_view text, std::string& error)>& parse,
+                    std::string& error)
+{
+    std::string text;
+    const int rc = readConfigFile(path, text);
+    if (rc == -ENOENT && mayBeMissing) {
+        return true;
+    }
+    if (rc < 0) {
+        error = path + ": " + (rc == -EFBIG ? "larger than 1 MiB" : std::strerror(-rc));
+        return false;
+    }
+    if (!parse(text, error)) {
+        error = path + ": " + error;
+        return false;
+    }
+    return true;
 }
 
 }  // namespace vela

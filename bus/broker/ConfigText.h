@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,5 +30,12 @@ bool splitConfigLines(std::string_view text, std::vector<ConfigLine>& out, std::
 // Reads the file at path into text. 0, -ENOENT for a missing file, -EFBIG
 // for one above kMaxConfigFileSize, or another negative errno.
 int readConfigFile(const std::string& path, std::string& text);
+
+// Reads the file at path and hands its text to parse. A missing file is no
+// error when mayBeMissing (parse is then not called, and whatever the caller
+// set up before stays). False with the file's name and the reason in error.
+bool loadConfigFile(const std::string& path, bool mayBeMissing,
+                    const std::function<bool(std::string_view text, std::string& error)>& parse,
+                    std::string& error);
 
 }  // namespace vela

@@ -67,6 +67,17 @@ std::string addressText(const sockaddr_storage& ss, socklen_t len)
     return "?";
 }
 
+// The address of one end of a socket, by getpeername or getsockname.
+std::string nameOf(int fd, int (*get)(int, sockaddr*, socklen_t*))
+{
+    sockaddr_storage addr;
+    socklen_t len = sizeof addr;
+    if (get(fd, reinterpret_cast<sockaddr*>(&addr), &len) < 0) {
+        return "?";
+    }
+    return addressText(addr, len);
+}
+
 }  // namespace
 
 bool makeAddress(const std::string& address, std::uint16_t port, sockaddr_in& addr)
@@ -223,22 +234,12 @@ int connectResult(int fd)
 
 std::string peerName(int fd)
 {
-    sockaddr_storage addr;
-    socklen_t len = sizeof addr;
-    if (::getpeername(fd, reinterpret_cast<sockaddr*>(&addr), &len) < 0) {
-        return "?";
-    }
-    return addressText(addr, len);
+    return nameOf(fd, ::getpeername);
 }
 
 std::string localName(int fd)
 {
-    sockaddr_storage addr;
-    socklen_t len = sizeof addr;
-    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) < 0) {
-        return "?";
-    }
-    return addressText(addr, len);
+    return nameOf(fd, ::getsockname);
 }
 
 }  // namespace vela::socket

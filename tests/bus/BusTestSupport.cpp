@@ -79,6 +79,53 @@ int runVelaAs(uid_t uid, gid_t gid, const std::string& address, std::uint16_t po
     return status;
 }
 
+namespace {
+
+// One fd over a Unix socket (SCM_RIGHTS), with one byte of data to carry it.
+struct FdMessage
+{
+    char byte = 'S';
+    iovec iov{&byte, 1};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr msg{};
+
+    FdMessage()
+    {
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof control;
+    }
+};
+
+bool sendFd(int sock, int fd)
+{
+    FdMessage m;
+    cmsghdr* cm = CMSG_FIRSTHDR(&m.msg);
+    cm->cmsg_level = SOL_SOCKET;
+    cm->cmsg_type = SCM_RIGHTS;
+    cm->cmsg_len = CMSG_LEN(sizeof(int));
+    std::memcpy(CMSG_DATA(cm), &fd, sizeof fd);
+    return ::sendmsg(sock, &m.msg, 0) == 1;
+}
+
+int receiveFd(int sock)
+{
+    FdMessage m;
+    if (::recvmsg(sock, &m.msg, MSG_CMSG_CLOEXEC) != 1) {
+        return -1;
+    }
+    const cmsghdr* cm = CMSG_FIRSTHDR(&m.msg);
+    if (!cm || cm->cmsg_type != SCM_RIGHTS) {
+        return -1;
+    }
+    int fd = -1;
+    std::memcpy(&fd, CMSG_DATA(cm), sizeof fd);
+    return fd;
+}
+
+}  // namespace
+
 std::vector<int> socketsOf(uid_t uid, gid_t gid, std::uint16_t port, int count, const std::string& unixPath,
                            int receiveBuffer)
 {
@@ -118,20 +165,7 @@ std::vector<int> socketsOf(uid_t uid, gid_t gid, std::uint16_t port, int count, 
                     ::_exit(4);
                 }
             }
-            char byte = 'S';
-            iovec iov{&byte, 1};
-            alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
-            msghdr msg{};
-            msg.msg_iov = &iov;
-            msg.msg_iovlen = 1;
-            msg.msg_control = control;
-            msg.msg_controllen = sizeof control;
-            cmsghdr* cm = CMSG_FIRSTHDR(&msg);
-            cm->cmsg_level = SOL_SOCKET;
-            cm->cmsg_type = SCM_RIGHTS;
-            cm->cmsg_len = CMSG_LEN(sizeof(int));
-            std::memcpy(CMSG_DATA(cm), &fd, sizeof fd);
-            if (::sendmsg(pair[1], &msg, 0) != 1) {
+            if (!sendFd(pair[1], fd)) {
                 ::_exit(5);
             }
             ::close(fd);
@@ -141,23 +175,10 @@ std::vector<int> socketsOf(uid_t uid, gid_t gid, std::uint16_t port, int count, 
     ::close(pair[1]);
     std::vector<int> fds;
     for (int i = 0; i < count; ++i) {
-        char byte = 0;
-        iovec iov{&byte, 1};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof control;
-        if (::recvmsg(pair[0], &msg, MSG_CMSG_CLOEXEC) != 1) {
+        const int fd = receiveFd(pair[0]);
+        if (fd < 0) {
             break;
         }
-        cmsghdr* cm = CMSG_FIRSTHDR(&msg);
-        if (!cm || cm->cmsg_type != SCM_RIGHTS) {
-            break;
-        }
-        int fd = -1;
-        std::memcpy(&fd, CMSG_DATA(cm), sizeof fd);
         fds.push_back(fd);
     }
     ::close(pair[0]);

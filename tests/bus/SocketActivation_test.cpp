@@ -12,10 +12,8 @@
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -23,6 +21,7 @@
 #include <string>
 
 #include "testsupport/BusWatcher.h"
+#include "testsupport/NotifySocket.h"
 
 using bustest::RawClient;
 using testsupport::ChildProcess;
@@ -47,22 +46,8 @@ public:
             ADD_FAILURE() << "listen: " << std::strerror(errno);
         }
         m_port = vela::socket::localPort(m_listen);
-        m_notifyPath = ::testing::TempDir() + "/notify." + std::to_string(::getpid());
-        ::unlink(m_notifyPath.c_str());
-        m_notify = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_un un{};
-        un.sun_family = AF_UNIX;
-        std::strncpy(un.sun_path, m_notifyPath.c_str(), sizeof un.sun_path - 1);
-        if (::bind(m_notify, reinterpret_cast<sockaddr*>(&un), sizeof un) < 0) {
-            ADD_FAILURE() << "notify socket: " << std::strerror(errno);
-        }
     }
-    ~ServiceManager()
-    {
-        ::close(m_listen);
-        ::close(m_notify);
-        ::unlink(m_notifyPath.c_str());
-    }
+    ~ServiceManager() { ::close(m_listen); }
     ServiceManager(const ServiceManager&) = delete;
     ServiceManager& operator=(const ServiceManager&) = delete;
 
@@ -72,7 +57,7 @@ public:
     // variables name the broker's own pid, which the shell keeps by exec.
     std::unique_ptr<ChildProcess> startBroker(const std::vector<std::string>& extra = {})
     {
-        std::string command = "export LISTEN_PID=$$ LISTEN_FDS=1 NOTIFY_SOCKET=" + m_notifyPath + "; exec " +
+        std::string command = "export LISTEN_PID=$$ LISTEN_FDS=1 NOTIFY_SOCKET=" + m_notify.path() + "; exec " +
                               bustest::veladPath() + " --quiet";
         for (const std::string& a : extra) {
             command += " " + a;
@@ -84,22 +69,12 @@ public:
     }
 
     // The next readiness message, or "" after timeout.
-    std::string notification(std::chrono::milliseconds timeout = 5s)
-    {
-        pollfd pfd{m_notify, POLLIN, 0};
-        if (::poll(&pfd, 1, static_cast<int>(timeout.count())) <= 0) {
-            return {};
-        }
-        char buf[512];
-        const ssize_t n = ::recv(m_notify, buf, sizeof buf, 0);
-        return n > 0 ? std::string(buf, static_cast<std::size_t>(n)) : std::string();
-    }
+    std::string notification(std::chrono::milliseconds timeout = 5s) { return m_notify.receive(timeout); }
 
 private:
     int m_listen = -1;
-    int m_notify = -1;
     std::uint16_t m_port = 0;
-    std::string m_notifyPath;
+    testsupport::NotifySocket m_notify;
 };
 
 }  // namespace
