@@ -5,10 +5,9 @@
 #include "Protocol.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "../platform/Sandbox.h"
@@ -24,16 +23,12 @@ using testsupport::LocalVelad;
 using namespace std::chrono_literals;
 namespace p = vela::protocol;
 
+using bustest::readFile;
+
 namespace {
 
 const std::string kSource = TSD_SOURCE_DIR;
 constexpr uid_t kStranger = 4711;  // a uid without an entry in the user database
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 // vela own as uid/gid (root when uid is 0), kept running; lines() writes
 // input and reads the matching answers.
@@ -249,4 +244,26 @@ TEST(Access, APeerTheBrokerCannotIdentifyMayOnlyFetchWhatEveryoneMay)
         EXPECT_NE(log.find("unknown user (not a socket of this host)"), std::string::npos) << log;
         EXPECT_NE(log.find("its user is not known"), std::string::npos) << log;
     });
+}
+
+TEST(Access, BrokerRunningAsAnUnprivilegedUserStillKnowsItsPeers)
+{
+    // The broker asks the kernel's socket table, which any user may: run as
+    // nobody, it still tells root from nobody.
+    TempFile acl("acl.conf", "user root own,set,fetch *\nall fetch *\n");
+    ChildProcess velad({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--",
+                        bustest::veladPath(), "--port", "0", "--acl", acl.path()});
+    std::string line;
+    ASSERT_TRUE(velad.readLine(line)) << velad.readAllStderr(500ms);
+    const auto port = static_cast<std::uint16_t>(std::stoul(line.substr(line.rfind(':') + 1)));
+    Owner root(port);
+    EXPECT_EQ(root.line("add sync/app 1"), "ok");
+    std::string out;
+    std::string err;
+    EXPECT_EQ(runVelaAs(kNobody, kNogroup, "127.0.0.1", port, {"own"}, &out, &err, "add mine 1\n"), 0) << err;
+    EXPECT_EQ(out, "error: not permitted to own 'mine'\n");
+    EXPECT_EQ(velad.signalAndWait(SIGTERM), 0);
+    const std::string log = velad.readAllStderr();
+    EXPECT_NE(log.find("uid 0 (root)) connected"), std::string::npos) << log;
+    EXPECT_NE(log.find("uid 65534 (nobody)) connected"), std::string::npos) << log;
 }

@@ -2,6 +2,7 @@
 // do: the shipped policy, the rule syntax, the refusals of malformed files
 // with the line they name, and the least rights of a peer nobody knows.
 #include "Acl.h"
+#include "BusTestSupport.h"
 #include "ConfigText.h"
 
 #include <gtest/gtest.h>
@@ -16,6 +17,8 @@ using vela::PeerIdentity;
 using vela::kRightFetch;
 using vela::kRightOwn;
 using vela::kRightSet;
+
+using bustest::readFile;
 
 namespace {
 
@@ -54,12 +57,6 @@ PeerIdentity unknown()
     PeerIdentity id;
     id.why = "not a socket of this host";
     return id;
-}
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 }  // namespace

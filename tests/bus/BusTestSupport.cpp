@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 
 #include <gtest/gtest.h>
 
@@ -372,6 +373,12 @@ long statusField(pid_t pid, const std::string& key)
 }
 
 }  // namespace
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
 
 long peakRssKiB(pid_t pid)
 {

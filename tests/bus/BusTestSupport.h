@@ -98,6 +98,9 @@ Json::Value params(std::initializer_list<std::pair<const char*, Json::Value>> me
 // The error code of a response, 0 when it is a result.
 int errorCode(const Json::Value& response);
 
+// The whole content of a file ("" when it cannot be read).
+std::string readFile(const std::string& path);
+
 // Peak and current resident memory of a process (KiB), from /proc.
 long peakRssKiB(pid_t pid);
 long rssKiB(pid_t pid);

@@ -14,8 +14,6 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -37,15 +35,11 @@ using testsupport::runUntil;
 using namespace std::chrono_literals;
 namespace p = vela::protocol;
 
+using bustest::readFile;
+
 namespace {
 
 const std::string kSource = TSD_SOURCE_DIR;
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 Json::Value object(const std::string& key, const Json::Value& value)
 {

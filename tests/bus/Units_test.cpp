@@ -15,15 +15,11 @@
 #include <iterator>
 #include <string>
 
+using bustest::readFile;
+
 namespace {
 
 const std::string kSource = TSD_SOURCE_DIR;
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 // The value of "KEY=" in a unit, or "".
 std::string setting(const std::string& unit, const std::string& key)
