@@ -426,3 +426,35 @@ TEST(QuotasFdLimit, IdleConnectionsCannotTakeEveryDescriptor)
               std::string::npos)
         << log;
 }
+
+TEST_F(Quotas, TheWholeBrokersLogHasItsOwnRateAndLineLength)
+{
+    start("log-rate 1\nlog-burst 3\npeer-log-rate 1000\npeer-log-burst 1000\nlog-line-max 200\n");
+    RawClient noisy(port);
+    ASSERT_TRUE(noisy.hello());
+    std::string burst;
+    for (int i = 0; i < 100; ++i) {
+        vela::appendFrame(burst, "not json " + std::string(400, 'x'));
+    }
+    ASSERT_TRUE(noisy.sendRaw(burst));
+    Json::Value r;
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_TRUE(noisy.readFrame(r));
+    }
+    std::this_thread::sleep_for(1100ms);
+    ASSERT_TRUE(noisy.sendFrame("not json at last"));
+    ASSERT_TRUE(noisy.readFrame(r));
+    EXPECT_LT(freshClientServedIn(), 100ms);
+
+    ASSERT_TRUE(logged("log lines not written (log-rate)", 2s)) << log();
+    std::istringstream lines(log());
+    std::string line;
+    int count = 0;
+    while (std::getline(lines, line)) {
+        ++count;
+        EXPECT_LE(line.size(), std::string("velad: ").size() + 200 + 32) << line;
+    }
+    // The burst of three, the count of what was dropped, the line after it.
+    EXPECT_EQ(count, 5) << log();
+    EXPECT_NE(log().find("velad: 97 log lines not written (log-rate)"), std::string::npos) << log();
+}
