@@ -24,42 +24,36 @@ constexpr std::uint64_t kStopSerial = 0;
 struct EventLoop::Impl
 {
     int epollFd = -1;
-    int stopFd = -1;
-    // Lock-free, so that stop() may set it from a signal handler.
-    std::atomic<bool> stopRequested{false};
     std::uint64_t wakeups = 0;
     std::uint64_t nextSerial = 1;
     std::map<int, std::uint64_t> serialByFd;
     // shared_ptr: a callback that removes its own registration must not destroy
     // the std::function that is running.
     std::map<std::uint64_t, std::shared_ptr<FdCallback>> bySerial;
-
-    void drainStopFd() const
-    {
-        std::uint64_t count = 0;
-        while (::read(stopFd, &count, sizeof count) == static_cast<ssize_t>(sizeof count)) {
-        }
-    }
 };
 
+// Lock-free, so that stop() may use them from a signal handler.
 static_assert(std::atomic<bool>::is_always_lock_free, "stop() must be async-signal-safe");
+static_assert(std::atomic<int>::is_always_lock_free, "stop() must be async-signal-safe");
 
 EventLoop::EventLoop() : m_impl(std::make_unique<Impl>())
 {
     m_impl->epollFd = ::epoll_create1(EPOLL_CLOEXEC);
-    m_impl->stopFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (m_impl->epollFd >= 0 && m_impl->stopFd >= 0) {
+    const int stopFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    m_stopFd.store(stopFd);
+    if (m_impl->epollFd >= 0 && stopFd >= 0) {
         epoll_event ev{};
         ev.events = EPOLLIN;
         ev.data.u64 = kStopSerial;
-        ::epoll_ctl(m_impl->epollFd, EPOLL_CTL_ADD, m_impl->stopFd, &ev);
+        ::epoll_ctl(m_impl->epollFd, EPOLL_CTL_ADD, stopFd, &ev);
     }
 }
 
 EventLoop::~EventLoop()
 {
-    if (m_impl->stopFd >= 0) {
-        ::close(m_impl->stopFd);
+    const int stopFd = m_stopFd.exchange(-1);
+    if (stopFd >= 0) {
+        ::close(stopFd);
     }
     if (m_impl->epollFd >= 0) {
         ::close(m_impl->epollFd);
@@ -69,13 +63,16 @@ EventLoop::~EventLoop()
 int EventLoop::execute()
 {
     Impl& impl = *m_impl;
-    if (impl.epollFd < 0 || impl.stopFd < 0) {
+    const int stopFd = m_stopFd.load();
+    if (impl.epollFd < 0 || stopFd < 0) {
         return -EBADF;
     }
     epoll_event events[kMaxEventsPerRound];
     for (;;) {
-        if (impl.stopRequested.exchange(false)) {
-            impl.drainStopFd();
+        if (m_stopRequested.exchange(false)) {
+            std::uint64_t count = 0;
+            while (::read(stopFd, &count, sizeof count) == static_cast<ssize_t>(sizeof count)) {
+            }
             return 0;
         }
         const int n = ::epoll_wait(impl.epollFd, events, kMaxEventsPerRound, -1);
@@ -88,7 +85,7 @@ int EventLoop::execute()
             return -errno;
         }
         for (int i = 0; i < n; ++i) {
-            if (impl.stopRequested.load()) {
+            if (m_stopRequested.load()) {
                 break;
             }
             const std::uint64_t serial = events[i].data.u64;
@@ -107,11 +104,15 @@ int EventLoop::execute()
 
 void EventLoop::stop()
 {
-    // Only async-signal-safe operations: an atomic store and write(2).
-    m_impl->stopRequested.store(true);
+    // Only async-signal-safe operations: atomic loads and stores and write(2).
+    m_stopRequested.store(true);
+    const int stopFd = m_stopFd.load();
+    if (stopFd < 0) {
+        return;
+    }
     const std::uint64_t one = 1;
     const int savedErrno = errno;
-    [[maybe_unused]] const ssize_t written = ::write(m_impl->stopFd, &one, sizeof one);
+    [[maybe_unused]] const ssize_t written = ::write(stopFd, &one, sizeof one);
     errno = savedErrno;
 }
 
