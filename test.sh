@@ -28,6 +28,9 @@ private_root=$(readlink -f "$build_dir/private/root")
 cmake_args=(-DCMAKE_BUILD_TYPE=Release -DTSD_WERROR=ON)
 if command -v ccache >/dev/null; then
     cmake_args+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+    # Paths below the tree count as relative, so that another checkout of the
+    # same sources finds the objects of this one.
+    export CCACHE_BASEDIR=$PWD
 fi
 if [ $sanitize -eq 1 ]; then
     build_dir=$build_dir-sanitize
