@@ -14,6 +14,11 @@
 // Every client runs on a thread of its own on both sides, and every receiver
 // parses the JSON it gets, so the client-side work is the same.
 //
+// velad runs with an access policy that grants by path patterns rather than
+// on every path, so each request and each notification is checked the way a
+// module's policy checks it. mosquitto is the private copy unpacked beside
+// the build (scripts/private-daemons), never an installed one.
+//
 // usage: bus_bench [--quick]
 #include <orv/sys/EventLoop.h>
 #include <orv/sys/Timer.h>
@@ -679,6 +684,13 @@ int main(int argc, char** argv)
         return 1;
     }
     const std::string conf = std::string(dir) + "/mosquitto.conf";
+    const std::string acl = std::string(dir) + "/acl.conf";
+    {
+        std::ofstream out(acl);
+        out << "user root own,set bench/*\n"
+            << "user root fetch bench/* sync/*\n"
+            << "all fetch sync/*\n";
+    }
     const std::uint16_t mqttPort = freePort();
     {
         std::ofstream out(conf);
@@ -697,13 +709,13 @@ int main(int argc, char** argv)
 
     int status = 0;
     {
-        Child velad({exeDir() + "/velad", "--port", "0", "--quiet"}, true);
+        Child velad({exeDir() + "/velad", "--port", "0", "--quiet", "--acl", acl}, true);
         const std::string line = velad.readLine(5s);
         const std::uint16_t velaPort =
             line.rfind(':') == std::string::npos
                 ? 0
                 : static_cast<std::uint16_t>(std::stoul(line.substr(line.rfind(':') + 1)));
-        Child mosq({"/usr/sbin/mosquitto", "-c", conf}, false);
+        Child mosq({std::string(TSD_PRIVATE_ROOT) + "/usr/sbin/mosquitto", "-c", conf}, false);
         if (velaPort == 0 || !waitFor([&] { return canConnect(mqttPort); }, 5s)) {
             std::fprintf(stderr, "bus_bench: brokers did not start (velad: '%s')\n", line.c_str());
             status = 1;
@@ -752,7 +764,8 @@ int main(int argc, char** argv)
             rssOwner.stop();
 
             std::printf("\ngoals:\n");
-            std::printf("  fan-out rate >= mosquitto:        %s\n", vb.rate >= mb.rate ? "met" : "MISSED");
+            std::printf("  fan-out rate >= 5 x mosquitto:    %s (%.1f x)\n", vb.rate >= 5 * mb.rate ? "met" : "MISSED",
+                        mb.rate > 0 ? vb.rate / mb.rate : 0.0);
             std::printf("  paced fan-out p99 <= mosquitto:   %s\n", vp.p99us <= mp.p99us ? "met" : "MISSED");
             std::printf("  set round trip p99 <= mosquitto:  %s\n", vs.p99us <= ms.p99us ? "met" : "MISSED");
             std::printf("  RSS with 10000 states < 20 MiB:   %s\n",
@@ -760,6 +773,7 @@ int main(int argc, char** argv)
         }
     }
     ::unlink(conf.c_str());
+    ::unlink(acl.c_str());
     ::rmdir(dir);
     mosquitto_lib_cleanup();
     return status;

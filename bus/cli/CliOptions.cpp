@@ -42,8 +42,9 @@ const char* usageText()
            "                                    print every add/change/remove under PREFIX\n"
            "  own                               own states; stdin lines: add PATH JSON,\n"
            "                                    change PATH JSON, remove PATH\n"
-           "options: --address A (default 127.0.0.1), --port P (default 11122),\n"
-           "         --timeout SECONDS (get, list, set; default 10), --trace\n";
+           "options: --address A (default 127.0.0.1; a path beginning with / is the\n"
+           "         broker's Unix socket), --port P (default 11122),\n"
+           "         --timeout SECONDS (get, list, set; default 10), --trace, --version\n";
 }
 
 bool parseCliOptions(int argc, const char* const* argv, CliOptions& out, std::string& error)
@@ -97,6 +98,9 @@ bool parseCliOptions(int argc, const char* const* argv, CliOptions& out, std::st
             out.trace = true;
         } else if (arg == "--help" || arg == "-h") {
             out.help = true;
+            return true;
+        } else if (arg == "--version") {
+            out.version = true;
             return true;
         } else if (arg == "--") {
             for (++i; i < argc; ++i) {

@@ -17,6 +17,7 @@ struct CliOptions
     double timeout = 10;            // get/list/set: give up after this many seconds
     bool trace = false;             // log every frame to stderr
     bool help = false;
+    bool version = false;           // print the version and exit
 };
 
 // Fills out from argv; options may stand anywhere. False with a message in

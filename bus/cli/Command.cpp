@@ -4,6 +4,7 @@
 #include "Command.h"
 
 #include "JsonText.h"
+#include "LogLimiter.h"
 #include "OwnLine.h"
 
 #include <orv/sys/EventLoop.h>
@@ -29,9 +30,12 @@ void printLine(const std::string& line)
     std::fflush(stdout);
 }
 
+// An error's message carries text of other peers (an owner's reason for
+// refusing a set, paths): escaped, so that it cannot drive the terminal.
 std::string errorText(const Json::Value& response)
 {
-    return response["error"]["message"].asString();
+    const std::string message = response["error"]["message"].asString();
+    return vela::escapeLogText(message, message.size() * 4 + 1);
 }
 
 std::chrono::milliseconds toMs(double seconds)

@@ -32,6 +32,10 @@ int main(int argc, char** argv)
         std::fputs(vela::cli::usageText(), stdout);
         return 0;
     }
+    if (options.version) {
+        std::printf("vela %s\n", TSD_VERSION);
+        return 0;
+    }
     Json::Value setValue;
     if (options.command == "set" && !vela::parseJson(options.args[1], &setValue, &error)) {
         std::fprintf(stderr, "vela: invalid JSON value: %s\n", error.c_str());

@@ -29,6 +29,13 @@ void FrameDecoder::feed(const char* data, std::size_t n)
     m_buffer.append(data, n);
 }
 
+void FrameDecoder::release()
+{
+    std::string rest(m_buffer, m_offset);
+    m_buffer.swap(rest);
+    m_offset = 0;
+}
+
 FrameDecoder::Result FrameDecoder::next(std::string_view& payload)
 {
     const std::size_t avail = m_buffer.size() - m_offset;

@@ -45,6 +45,9 @@ public:
     // The length announced by the header that next() refused (kBadLength).
     std::uint32_t badLength() const { return m_badLength; }
     std::size_t buffered() const { return m_buffer.size() - m_offset; }
+    // Drops the consumed bytes and the room a large frame left behind;
+    // invalidates the payload views handed out so far.
+    void release();
 
 private:
     std::size_t m_maxFrameSize;

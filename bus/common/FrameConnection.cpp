@@ -2,6 +2,7 @@
 
 #include <orv/sys/EventLoop.h>
 
+#include <malloc.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -18,6 +19,12 @@ constexpr std::size_t kReadChunk = 64 * 1024;
 // Reads per wake-up: bounds the time one busy peer holds the loop, so the
 // others keep being served.
 constexpr int kReadsPerEvent = 16;
+// A frame at least this large (bytes) is parsed into a tree many times its
+// size; once it has been handled, that memory and the grown buffers go back
+// to the system, so one large value does not leave a peak behind for good.
+constexpr std::size_t kLargeFrame = 256 * 1024;
+// An emptied send buffer keeps its allocation up to this size (bytes).
+constexpr std::size_t kKeptOutput = 256 * 1024;
 
 thread_local int t_batchDepth = 0;
 thread_local std::vector<FrameConnection*> t_dirty;
@@ -66,6 +73,7 @@ FrameConnection::FrameConnection(orv::sys::EventLoop& loop, int fd, std::size_t 
 FrameConnection::~FrameConnection()
 {
     *m_alive = false;
+    consumed(backlog());
     if (m_dirty) {
         t_dirty.erase(std::find(t_dirty.begin(), t_dirty.end(), this));
     }
@@ -80,6 +88,9 @@ void FrameConnection::send(std::string_view payload)
     }
     const bool wasEmpty = backlog() == 0;
     appendFrame(m_out, payload);
+    if (m_sharedBacklog) {
+        *m_sharedBacklog += kFrameHeaderSize + payload.size();
+    }
     if (t_batchDepth > 0) {
         if (!m_dirty) {
             m_dirty = true;
@@ -87,9 +98,10 @@ void FrameConnection::send(std::string_view payload)
         }
         return;
     }
-    if (wasEmpty) {
+    if (wasEmpty && !m_writeOnNextTurn) {
         writeNow();
     } else {
+        // Writable is reported at once: the loop writes on its next turn.
         updateInterest();
     }
 }
@@ -105,6 +117,31 @@ void FrameConnection::writeNow()
         return;
     }
     updateInterest();
+}
+
+void FrameConnection::shareBacklog(std::size_t* total)
+{
+    m_sharedBacklog = total;
+    if (m_sharedBacklog) {
+        *m_sharedBacklog += backlog();
+    }
+}
+
+void FrameConnection::wantDrain(std::size_t mark, DrainHandler handler)
+{
+    m_drainMark = mark;
+    m_onDrain = std::move(handler);
+    // Writable is reported at once when the backlog is small already, so
+    // the loop comes back to call the handler in either case.
+    updateInterest();
+}
+
+void FrameConnection::consumed(std::size_t n)
+{
+    m_outOffset += n;
+    if (m_sharedBacklog) {
+        *m_sharedBacklog -= n;
+    }
 }
 
 void FrameConnection::closeAfterFlush()
@@ -124,6 +161,12 @@ void FrameConnection::abort(int err)
     }
     m_failure = err < 0 ? err : -ECONNABORTED;
     m_reading = false;
+    m_onDrain = nullptr;
+    // Nothing is written after an abort: give the queued bytes up now, so
+    // that they stop counting against the owner's memory at once.
+    consumed(backlog());
+    std::string().swap(m_out);
+    m_outOffset = 0;
     // A shut-down socket reports EPOLLHUP at once, even when its send
     // buffer is full, so the close is reported from the loop and never from
     // inside the caller.
@@ -155,6 +198,15 @@ void FrameConnection::onEvents(std::uint32_t events)
         reportClose(0);
         return;
     }
+    if (m_onDrain && backlog() < m_drainMark) {
+        DrainHandler handler = std::move(m_onDrain);
+        m_onDrain = nullptr;
+        std::shared_ptr<bool> alive = m_alive;
+        handler();
+        if (!*alive) {
+            return;
+        }
+    }
     updateInterest();
 }
 
@@ -163,7 +215,8 @@ bool FrameConnection::readAll()
     std::shared_ptr<bool> alive = m_alive;
     Batch batch;
     char buf[kReadChunk];
-    for (int i = 0; i < kReadsPerEvent && m_reading; ++i) {
+    const int reads = m_readBudget ? std::max(1, m_readBudget()) : kReadsPerEvent;
+    for (int i = 0; i < reads && m_reading; ++i) {
         ssize_t n = ::read(m_fd, buf, sizeof buf);
         if (n < 0) {
             if (errno == EINTR) {
@@ -194,9 +247,13 @@ bool FrameConnection::readAll()
                 }
                 break;
             }
+            const bool large = payload.size() >= kLargeFrame;
             m_onFrame(payload);
             if (!*alive) {
                 return false;
+            }
+            if (large) {
+                releaseAfterLargeFrame();
             }
         }
         if (static_cast<std::size_t>(n) < sizeof buf) {
@@ -229,12 +286,16 @@ int FrameConnection::writeOut()
             }
             return -errno;
         }
-        m_outOffset += static_cast<std::size_t>(n);
+        consumed(static_cast<std::size_t>(n));
     }
     // Written bytes are dropped once they are most of the buffer, so a peer
     // that never quite catches up does not keep them in memory for ever.
     if (m_outOffset == m_out.size()) {
-        m_out.clear();
+        if (m_out.capacity() > kKeptOutput) {
+            std::string().swap(m_out);
+        } else {
+            m_out.clear();
+        }
         m_outOffset = 0;
     } else if (m_outOffset > m_out.size() / 2) {
         m_out.erase(0, m_outOffset);
@@ -248,11 +309,18 @@ void FrameConnection::updateInterest()
     if (m_failure != 0) {
         return;
     }
-    std::uint32_t want = (m_reading ? EPOLLIN : 0u) | (backlog() > 0 || m_closing ? EPOLLOUT : 0u);
+    std::uint32_t want =
+        (m_reading ? EPOLLIN : 0u) | (backlog() > 0 || m_closing || m_onDrain ? EPOLLOUT : 0u);
     if (want != m_events) {
         m_loop.modifyFd(m_fd, want);
         m_events = want;
     }
+}
+
+void FrameConnection::releaseAfterLargeFrame()
+{
+    m_decoder.release();
+    ::malloc_trim(0);
 }
 
 void FrameConnection::reportClose(int err)

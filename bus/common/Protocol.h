@@ -55,7 +55,9 @@ enum ErrorCode : int
     kFrameTooLarge = -32009,   // bad frame length; the connection closes
     kConnectionLost = -32010,  // local to the peer: the request was lost with the connection
     kSetFailed = -32011,       // the owner's set callback failed
-    kSetRefused = -32012       // the owner checked the value and refused it
+    kSetRefused = -32012,      // the owner checked the value and refused it
+    kNotPermitted = -32013,    // the broker's access policy does not grant this to the peer
+    kLimitReached = -32014     // a quota of the broker is used up; the message names it
 };
 
 // {"jsonrpc":"2.0","id":id,"method":method,"params":params}; id null: a

@@ -22,6 +22,7 @@
 #include <string>
 #include <thread>
 
+using bustest::RawClient;
 using bustest::runVela;
 using testsupport::ChildProcess;
 using testsupport::LocalVelad;
@@ -29,98 +30,6 @@ using namespace std::chrono_literals;
 namespace p = vela::protocol;
 
 namespace {
-
-// A blocking client that speaks the frames by hand.
-class RawClient
-{
-public:
-    explicit RawClient(std::uint16_t port)
-    {
-        m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in addr;
-        vela::socket::makeAddress("127.0.0.1", port, addr);
-        if (::connect(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
-            ::close(m_fd);
-            m_fd = -1;
-        }
-    }
-    ~RawClient()
-    {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
-    }
-    RawClient(const RawClient&) = delete;
-    RawClient& operator=(const RawClient&) = delete;
-
-    bool ok() const { return m_fd >= 0; }
-
-    bool sendRaw(const std::string& bytes)
-    {
-        return ::send(m_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
-    }
-    bool sendFrame(const std::string& payload)
-    {
-        std::string out;
-        vela::appendFrame(out, payload);
-        return sendRaw(out);
-    }
-    bool hello()
-    {
-        Json::Value params(Json::objectValue);
-        params["protocol"] = p::kVersion;
-        Json::Value r;
-        return sendFrame(p::request(0, p::kHello, params)) && readFrame(r) && r.isMember("result");
-    }
-    // Next frame as JSON; false at EOF or timeout.
-    bool readFrame(Json::Value& out, std::chrono::milliseconds timeout = 5s)
-    {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        for (;;) {
-            std::string_view payload;
-            if (m_decoder.next(payload) == vela::FrameDecoder::Result::kFrame) {
-                return vela::parseJson(payload, &out, nullptr);
-            }
-            if (!fill(deadline)) {
-                return false;
-            }
-        }
-    }
-    // True when the broker closed the connection (within timeout).
-    bool closedByPeer(std::chrono::milliseconds timeout = 5s)
-    {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (fill(deadline)) {
-        }
-        return m_eof;
-    }
-
-private:
-    int m_fd = -1;
-    vela::FrameDecoder m_decoder{vela::kMaxBrokerFrameSize};
-    bool m_eof = false;
-
-    bool fill(std::chrono::steady_clock::time_point deadline)
-    {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
-                                                                          std::chrono::steady_clock::now());
-        if (left.count() <= 0) {
-            return false;
-        }
-        pollfd pfd{m_fd, POLLIN, 0};
-        if (::poll(&pfd, 1, static_cast<int>(left.count())) <= 0) {
-            return false;
-        }
-        char buf[65536];
-        ssize_t n = ::read(m_fd, buf, sizeof buf);
-        if (n <= 0) {
-            m_eof = true;
-            return false;
-        }
-        m_decoder.feed(buf, static_cast<std::size_t>(n));
-        return true;
-    }
-};
 
 std::string addRequest(int id, const std::string& path, const std::string& valueJson, bool settable = false)
 {
@@ -387,4 +296,51 @@ TEST(VeladProcess, BadOptionsAreRefused)
     EXPECT_EQ(bad.wait(), 2);
     ChildProcess unknown({bustest::veladPath(), "--frobnicate"});
     EXPECT_EQ(unknown.wait(), 2);
+}
+
+TEST(VeladProcess, VersionIsTheProjects)
+{
+    ChildProcess velad({bustest::veladPath(), "--version"});
+    std::string line;
+    ASSERT_TRUE(velad.readLine(line));
+    EXPECT_EQ(line, std::string("velad ") + TSD_VERSION);
+    EXPECT_EQ(velad.wait(), 0);
+    ChildProcess vela({bustest::velaPath(), "--version"});
+    ASSERT_TRUE(vela.readLine(line));
+    EXPECT_EQ(line, std::string("vela ") + TSD_VERSION);
+    EXPECT_EQ(vela.wait(), 0);
+}
+
+TEST(VeladProcess, MalformedPolicyOrQuotasRefuseToStartNamingTheLine)
+{
+    bustest::TempFile acl("bad-acl.conf", "user root own,set,fetch *\nall read *\n");
+    ChildProcess badAcl({bustest::veladPath(), "--port", "0", "--acl", acl.path()});
+    EXPECT_EQ(badAcl.wait(), 1);
+    EXPECT_EQ(badAcl.readAllStderr(),
+              "velad: " + acl.path() + ": line 2: unknown right 'read' (own, set, fetch, separated by commas)\n");
+
+    bustest::TempFile conf("bad-velad.conf", "# quotas\nmax-connections 10\nmax-conections 5\n");
+    ChildProcess badConf({bustest::veladPath(), "--port", "0", "--config", conf.path()});
+    EXPECT_EQ(badConf.wait(), 1);
+    EXPECT_EQ(badConf.readAllStderr(), "velad: " + conf.path() + ": line 3: unknown setting 'max-conections'\n");
+
+    ChildProcess missing({bustest::veladPath(), "--port", "0", "--acl", "/nonexistent/acl.conf"});
+    EXPECT_EQ(missing.wait(), 1);
+    EXPECT_EQ(missing.readAllStderr(), "velad: /nonexistent/acl.conf: No such file or directory\n");
+}
+
+TEST(VeladProcess, SetTimeoutOptionOverridesTheQuotaFile)
+{
+    bustest::TempFile conf("velad.conf", "set-timeout-ms 60000\n");
+    LocalVelad velad{{"--quiet", "--config", conf.path(), "--set-timeout", "200"}};
+    RawClient owner(velad.port());
+    ASSERT_TRUE(owner.hello());
+    ASSERT_EQ(owner.call(p::kAdd, bustest::params({{"path", "s"}, {"value", 0}, {"settable", true}}))["result"],
+              true);
+    RawClient requester(velad.port());
+    ASSERT_TRUE(requester.hello());
+    const auto t0 = std::chrono::steady_clock::now();
+    const Json::Value r = requester.call(p::kSet, bustest::params({{"path", "s"}, {"value", 1}}), 5s);
+    EXPECT_EQ(bustest::errorCode(r), p::kSetTimeout);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, 2s);
 }

@@ -4,11 +4,21 @@
 // restart costs the owner nothing but a log line. Requests that only make
 // sense on a live connection (set, remove of a foreign path, ...) wait in a
 // queue until the next connection.
+//
+// A state stays the peer's even when the broker refuses its add because
+// another connection holds the path (or the broker is out of room): the add
+// is tried again with a growing pause until it succeeds, so that a client
+// that raced for the path after a broker restart holds it only until it
+// leaves, and the owner's value is the one that ends on the bus.
+//
+// What a fetch has reported is remembered as a digest of each value's text,
+// not as the value, so a fetch of large values costs about one value.
 #include <vela/PeerAsync.h>
 
 #include "Frame.h"
 #include "FrameConnection.h"
 #include "JsonText.h"
+#include "LogLimiter.h"
 #include "Matcher.h"
 #include "Protocol.h"
 #include "Socket.h"
@@ -45,6 +55,29 @@ constexpr std::chrono::milliseconds kMaxRetry(2000);
 // within the longest back-off, so a state that is still missing after that
 // really went away while the broker was down (ms).
 constexpr std::chrono::milliseconds kStaleGrace(3000);
+// Retries of an add the broker refused (path held by another connection, or
+// no room): the pause doubles from the first to the last value (ms).
+constexpr std::chrono::milliseconds kFirstAddRetry(250);
+constexpr std::chrono::milliseconds kMaxAddRetry(5000);
+
+using Clock = std::chrono::steady_clock;
+
+// A digest of a value's JSON text. The broker forwards every value as the
+// text its owner sent, and an owner sends the same value as the same compact
+// text, so equal digests mean an unchanged value. Only the owner of a state
+// chooses its text, so a collision could only be made by the one peer that
+// may change the value anyway.
+std::uint64_t digestOf(std::string_view text)
+{
+    std::uint64_t h = std::hash<std::string_view>{}(text);
+    return h ^ (text.size() + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2));
+}
+
+// Text from the broker on its way into syslog.
+std::string logSafe(const std::string& text)
+{
+    return escapeLogText(text, kDefaultLogLineMax);
+}
 
 Json::Value okBody()
 {
@@ -73,20 +106,27 @@ struct PeerAsync::Impl
         // the next connection's replay answers them.
         std::vector<ResponseCallback> waiting;
         std::uint64_t generation = 0;
+        // The broker refused the add and the peer keeps trying: the next
+        // attempt is due at retryAt (none while one is on its way).
+        bool contested = false;
+        bool retryDue = false;
+        Clock::time_point retryAt;
+        std::chrono::milliseconds retryPause = kFirstAddRetry;
+        unsigned attempts = 0;
     };
     struct FetchEntry
     {
         matcher_t matcher;
         FetchCallback onNotify;
         std::vector<ResponseCallback> waiting;
-        // Paths this fetch has reported as present, with the value last
-        // reported. A broker restart is invisible to the fetch callback: after
-        // a reconnection the broker's replayed "add" of a known path is
-        // swallowed when the value is the one reported before, and reported
-        // as "change" when it changed during the break. Known paths not
-        // reported again within kStaleGrace have vanished meanwhile and get a
-        // "remove".
-        std::map<std::string, Json::Value> known;
+        // Paths this fetch has reported as present, with the digest of the
+        // value last reported. A broker restart is invisible to the fetch
+        // callback: after a reconnection the broker's replayed "add" of a
+        // known path is swallowed when the value is the one reported before,
+        // and reported as "change" when it changed during the break. Known
+        // paths not reported again within kStaleGrace have vanished meanwhile
+        // and get a "remove" (with a null value: the peer keeps no copy).
+        std::map<std::string, std::uint64_t> known;
         std::set<std::string> stale;
     };
     enum class Kind
@@ -104,6 +144,9 @@ struct PeerAsync::Impl
         std::string path;              // kAdd
         std::uint64_t generation = 0;  // kAdd
         int fetchId = 0;               // kFetch
+        // kAdd of a state the broker had refused: removing the state does
+        // not wait for this answer, so a success must be taken back.
+        bool contested = false;
     };
     struct Queued
     {
@@ -120,7 +163,7 @@ struct PeerAsync::Impl
     };
 
     orv::sys::EventLoop& loop;
-    std::string address;
+    std::string address;  // an IPv4 address, or the path of a Unix socket
     std::uint16_t port;
     std::string name;
     bool trace;
@@ -131,6 +174,11 @@ struct PeerAsync::Impl
     int connectingFd = -1;
     orv::sys::Timer retryTimer;
     orv::sys::Timer staleTimer;
+    orv::sys::Timer addRetryTimer;
+    // Answers given here while connected run from the loop, never inside the
+    // call that owes them.
+    orv::sys::Timer soonTimer;
+    std::vector<ResponseCallback> soon;
     std::chrono::milliseconds backoff = kFirstRetry;
     LinkLog linkLog = LinkLog::kSilent;
     bool everConnected = false;
@@ -152,7 +200,9 @@ struct PeerAsync::Impl
           name(n),
           trace(t),
           retryTimer(l),
-          staleTimer(l)
+          staleTimer(l),
+          addRetryTimer(l),
+          soonTimer(l)
     {
     }
 
@@ -163,14 +213,16 @@ struct PeerAsync::Impl
         closeConnecting();
     }
 
-    std::string where() const { return address + ":" + std::to_string(port); }
+    bool viaUnixSocket() const { return !address.empty() && address[0] == '/'; }
+    std::string where() const { return viaUnixSocket() ? address : address + ":" + std::to_string(port); }
 
     // ---- connection ----
 
     void connect()
     {
         bool inProgress = false;
-        int fd = socket::connectTcp(address, port, &inProgress);
+        int fd = viaUnixSocket() ? socket::connectUnix(address, &inProgress)
+                                 : socket::connectTcp(address, port, &inProgress);
         if (fd < 0) {
             connectFailed(fd);
             return;
@@ -243,6 +295,8 @@ struct PeerAsync::Impl
                 conn->abort(-EPROTO);
             },
             [this](int err) { onClosed(err); });
+        // Calls made in one go (a burst of notifyState) leave in one write.
+        conn->setWriteOnNextTurn(true);
         backoff = kFirstRetry;
         if (linkLog == LinkLog::kLost) {
             syslog(LOG_NOTICE, "vela: connection to broker %s restored", where().c_str());
@@ -263,9 +317,15 @@ struct PeerAsync::Impl
             configWaiting.clear();
             sendRequest(p::kConfig, configParams(), std::move(pc));
         }
+        addRetryTimer.cancel();
         for (auto& [path, state] : states) {
             Pending pa{Kind::kAdd, std::move(state.waiting), path, state.generation, 0};
             state.waiting.clear();
+            // A contested state is tried again at once on a new connection:
+            // after a broker restart the race for the path starts afresh.
+            state.retryDue = false;
+            state.retryPause = kFirstAddRetry;
+            pa.contested = state.contested;
             sendRequest(p::kAdd, addParams(path, state), std::move(pa));
         }
         for (auto& [id, fetch] : fetches) {
@@ -302,6 +362,7 @@ struct PeerAsync::Impl
                err < 0 ? std::strerror(-err) : "closed by the broker");
         linkLog = LinkLog::kLost;
         staleTimer.cancel();
+        addRetryTimer.cancel();
 
         // Requests the replay will repeat keep their callbacks for it; the
         // others are lost with the connection.
@@ -385,6 +446,97 @@ struct PeerAsync::Impl
         }
     }
 
+    // Success for a call that needs no broker, while connected.
+    void answerSoon(ResponseCallback cb)
+    {
+        if (!cb) {
+            return;
+        }
+        soon.push_back(std::move(cb));
+        if (!soonTimer.isPending()) {
+            soonTimer.set(std::chrono::milliseconds(1), false, [this](bool fired) {
+                if (!fired) {
+                    return;
+                }
+                std::shared_ptr<bool> guard = alive;
+                std::vector<ResponseCallback> due;
+                due.swap(soon);
+                for (auto& cb2 : due) {
+                    call(cb2, okBody());
+                    if (!*guard) {
+                        return;
+                    }
+                }
+            });
+        }
+    }
+
+    // ---- adds the broker refused ----
+
+    // The broker refused an add of an own state; true when the peer goes on
+    // trying (and then body's message says so).
+    bool addRefused(OwnState& state, const std::string& path, Json::Value& body)
+    {
+        const int code = body["error"]["code"].asInt();
+        const std::string reason = body["error"]["message"].asString();
+        if (code != p::kPathExists && code != p::kLimitReached) {
+            syslog(LOG_WARNING, "vela: broker %s refused state '%s': %s", where().c_str(), logSafe(path).c_str(),
+                   logSafe(reason).c_str());
+            return false;
+        }
+        ++state.attempts;
+        if (!state.contested) {
+            state.contested = true;
+            syslog(LOG_WARNING, "vela: broker %s refused state '%s' (%s); trying again until it is free",
+                   where().c_str(), logSafe(path).c_str(), logSafe(reason).c_str());
+        }
+        state.retryDue = true;
+        state.retryAt = Clock::now() + state.retryPause;
+        state.retryPause = std::min(state.retryPause * 2, kMaxAddRetry);
+        body["error"]["message"] = reason + "; the peer keeps trying to add it";
+        armAddRetry();
+        return true;
+    }
+
+    void armAddRetry()
+    {
+        bool any = false;
+        Clock::time_point next;
+        for (const auto& entry : states) {
+            const OwnState& state = entry.second;
+            if (state.contested && state.retryDue && (!any || state.retryAt < next)) {
+                next = state.retryAt;
+                any = true;
+            }
+        }
+        if (!any) {
+            addRetryTimer.cancel();
+            return;
+        }
+        auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now());
+        addRetryTimer.set(std::max(wait, std::chrono::milliseconds(1)), false, [this](bool fired) {
+            if (fired) {
+                retryAdds();
+            }
+        });
+    }
+
+    void retryAdds()
+    {
+        if (!conn) {
+            return;  // the next connection's replay tries them all
+        }
+        const Clock::time_point now = Clock::now();
+        for (auto& [path, state] : states) {
+            if (state.contested && state.retryDue && state.retryAt <= now) {
+                state.retryDue = false;
+                sendRequest(p::kAdd, addParams(path, state),
+                            Pending{Kind::kAdd, {}, path, state.generation, 0, true});
+            }
+        }
+        armAddRetry();
+    }
+
     Json::Value configParams() const
     {
         Json::Value params(Json::objectValue);
@@ -449,7 +601,8 @@ struct PeerAsync::Impl
         Json::Value json;
         std::string reason;
         if (!parseJson(payload, &json, &reason)) {
-            syslog(LOG_WARNING, "vela: unreadable frame from broker %s: %s", where().c_str(), reason.c_str());
+            syslog(LOG_WARNING, "vela: unreadable frame from broker %s: %s", where().c_str(),
+                   logSafe(reason).c_str());
             return;
         }
         p::Message m = p::classify(std::move(json));
@@ -459,7 +612,7 @@ struct PeerAsync::Impl
                 break;
             case p::Message::Kind::kNotification:
                 if (m.method == p::kNotify) {
-                    onNotify(m.params);
+                    onNotify(m.params, payload);
                 } else if (m.method == p::kSet) {
                     onSetRequest(Json::Value(), m.params);
                 }
@@ -473,17 +626,17 @@ struct PeerAsync::Impl
                 break;
             case p::Message::Kind::kInvalid:
                 syslog(LOG_WARNING, "vela: invalid message from broker %s: %s", where().c_str(),
-                       m.error.c_str());
+                       logSafe(m.error).c_str());
                 break;
         }
     }
 
-    void onResponse(const Json::Value& id, const Json::Value& body)
+    void onResponse(const Json::Value& id, Json::Value& body)
     {
         if (!id.isInt64()) {
             if (body.isMember("error")) {
                 syslog(LOG_WARNING, "vela: broker %s: %s", where().c_str(),
-                       body["error"]["message"].asString().c_str());
+                       logSafe(body["error"]["message"].asString()).c_str());
             }
             return;
         }
@@ -499,19 +652,34 @@ struct PeerAsync::Impl
             case Kind::kHello:
                 if (failed) {
                     syslog(LOG_ERR, "vela: broker %s refused this peer: %s", where().c_str(),
-                           body["error"]["message"].asString().c_str());
+                           logSafe(body["error"]["message"].asString()).c_str());
                 }
                 break;
-            case Kind::kAdd:
+            case Kind::kAdd: {
+                auto s = states.find(pend.path);
+                const bool current = s != states.end() && s->second.generation == pend.generation;
                 if (failed) {
-                    // Not ours after all (someone else owns the path): do not
-                    // replay it after a reconnection.
-                    auto s = states.find(pend.path);
-                    if (s != states.end() && s->second.generation == pend.generation) {
+                    // A refusal that waiting may cure is tried again; any
+                    // other one means the state is not this peer's to have,
+                    // and it is not replayed after a reconnection.
+                    if (current && !addRefused(s->second, pend.path, body)) {
                         states.erase(s);
                     }
+                } else if (!current && pend.contested) {
+                    // Removed while a retried add was on its way: it must
+                    // not stay on the bus.
+                    Json::Value params(Json::objectValue);
+                    params["path"] = pend.path;
+                    sendRequest(p::kRemove, params, Pending{});
+                } else if (current && s->second.contested) {
+                    s->second.contested = false;
+                    s->second.retryPause = kFirstAddRetry;
+                    syslog(LOG_NOTICE, "vela: state '%s' added on broker %s after %u refusals",
+                           logSafe(pend.path).c_str(), where().c_str(), s->second.attempts);
+                    s->second.attempts = 0;
                 }
                 break;
+            }
             case Kind::kFetch:
                 finishFetch(pend.fetchId);
                 if (!*guard) {
@@ -570,11 +738,8 @@ struct PeerAsync::Impl
                 Json::Value n(Json::objectValue);
                 n["path"] = path;
                 n["event"] = p::kEventRemove;
-                auto last = f->second.known.find(path);
-                n["value"] = last == f->second.known.end() ? Json::Value() : last->second;
-                if (last != f->second.known.end()) {
-                    f->second.known.erase(last);
-                }
+                n["value"] = Json::Value();
+                f->second.known.erase(path);
                 FetchCallback cb = f->second.onNotify;
                 if (cb) {
                     guarded("fetch callback", [&] { cb(n, fetchId); });
@@ -586,7 +751,7 @@ struct PeerAsync::Impl
         }
     }
 
-    void onNotify(const Json::Value& params)
+    void onNotify(Json::Value& params, std::string_view payload)
     {
         const Json::Value& ids = params["fetches"];
         const Json::Value& path = params["path"];
@@ -595,10 +760,22 @@ struct PeerAsync::Impl
             syslog(LOG_WARNING, "vela: malformed notification from broker %s", where().c_str());
             return;
         }
+        // The digest comes from the value's text as the broker forwarded it.
+        std::uint64_t digest = 0;
+        if (const Json::Value* v = params.find("value", "value" + 5)) {
+            const auto start = static_cast<std::size_t>(v->getOffsetStart());
+            const auto limit = static_cast<std::size_t>(v->getOffsetLimit());
+            digest = limit > start && limit <= payload.size() ? digestOf(payload.substr(start, limit - start))
+                                                               : digestOf(toCompact(*v));
+        } else {
+            digest = digestOf("null");
+        }
+        // One notification object for every fetch it concerns: the value
+        // (possibly large) is moved in once and never copied.
         Json::Value n(Json::objectValue);
         n["path"] = path;
         n["event"] = event;
-        n["value"] = params["value"];
+        n["value"].swap(params["value"]);
         const std::string pathText = path.asString();
         const std::string eventText = event.asString();
         std::shared_ptr<bool> guard = alive;
@@ -612,24 +789,25 @@ struct PeerAsync::Impl
                 continue;  // removed meanwhile; the unfetch is on its way
             }
             FetchEntry& fetch = f->second;
-            Json::Value delivered = n;
+            const char* delivered = nullptr;
             if (eventText == p::kEventAdd && fetch.stale.erase(pathText) > 0) {
                 // The broker's replay after a reconnection.
-                Json::Value& before = fetch.known[pathText];
-                if (before == n["value"]) {
+                std::uint64_t& before = fetch.known[pathText];
+                if (before == digest) {
                     continue;
                 }
-                delivered["event"] = p::kEventChange;
-                before = n["value"];
+                delivered = p::kEventChange;
+                before = digest;
             } else if (eventText == p::kEventRemove) {
                 fetch.known.erase(pathText);
                 fetch.stale.erase(pathText);
             } else {
-                fetch.known[pathText] = n["value"];
+                fetch.known[pathText] = digest;
             }
+            n["event"] = delivered ? Json::Value(delivered) : event;
             FetchCallback cb = fetch.onNotify;
             if (cb) {
-                guarded("fetch callback", [&] { cb(delivered, id); });
+                guarded("fetch callback", [&] { cb(n, id); });
                 if (!*guard) {
                     return;
                 }
@@ -681,7 +859,7 @@ PeerAsync::PeerAsync(orv::sys::EventLoop& loop, const std::string& address, unsi
                      const std::string& name, bool trace)
     : m_impl(std::make_unique<Impl>(loop, address, port, name, trace))
 {
-    if (port == 0 || port > 65535) {
+    if (!m_impl->viaUnixSocket() && (port == 0 || port > 65535)) {
         syslog(LOG_ERR, "vela: invalid broker port %u", port);
         return;
     }
@@ -733,6 +911,14 @@ void PeerAsync::removeStateAsync(const std::string& path, ResponseCallback respo
 {
     Impl& d = *m_impl;
     auto s = d.states.find(path);
+    if (s != d.states.end() && s->second.contested && d.conn) {
+        // Not on the bus: another connection holds the path. An add on its
+        // way that succeeds after all is taken back when its answer comes.
+        d.states.erase(s);
+        d.answerSoon(std::move(response));
+        d.armAddRetry();
+        return;
+    }
     if (s == d.states.end() || d.conn) {
         if (s != d.states.end()) {
             d.states.erase(s);
@@ -757,6 +943,9 @@ void PeerAsync::notifyState(const std::string& path, const Json::Value& value)
     auto s = d.states.find(path);
     if (s != d.states.end()) {
         s->second.value = value;
+        if (s->second.contested) {
+            return;  // the add that finally succeeds carries it
+        }
     }
     if (d.conn) {
         d.sendRequest(p::kChange, Impl::pathValue(path, value), Impl::Pending{});
@@ -782,6 +971,11 @@ void PeerAsync::changeStateAsync(const std::string& path, const Json::Value& val
         if (!d.conn) {
             // The replay of the next connection carries the new value.
             d.answerLocally(std::move(response));
+            return;
+        }
+        if (s->second.contested) {
+            // So does the add that finally succeeds.
+            d.answerSoon(std::move(response));
             return;
         }
     }

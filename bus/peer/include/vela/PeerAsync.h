@@ -53,13 +53,20 @@ public:
 // restores, by itself, all its states (with their current values) and fetches;
 // the owner of the peer notices nothing but a log line. Its fetch callbacks
 // see only what really changed across the break: "change" for a state whose
-// value changed, "add" for a new one, "remove" for one that did not come back,
-// and nothing for a state that is as it was.
+// value changed, "add" for a new one, "remove" (with a null value) for one
+// that did not come back, and nothing for a state that is as it was.
+//
+// A state the peer adds stays its own: when the broker refuses the add
+// because another connection holds the path, or because it has no room left,
+// the peer tries again with a growing pause (up to 5 s) until it succeeds,
+// and then the peer's current value is the one on the bus.
 class PeerAsync
 {
 public:
-    // name: how the peer shows itself on the broker until configAsync names it
-    // (empty: anonymous). trace: log every frame to standard error.
+    // address: the broker's IPv4 address, or the path of its Unix socket
+    // (beginning with '/'; port is then not used). name: how the peer shows
+    // itself on the broker until configAsync names it (empty: anonymous).
+    // trace: log every frame to standard error.
     PeerAsync(orv::sys::EventLoop& loop, const std::string& address, unsigned port,
               const std::string& name = {}, bool trace = false);
     ~PeerAsync();
@@ -69,9 +76,13 @@ public:
     // Names this peer on the broker; debug asks the broker to log its requests.
     void configAsync(const std::string& name, bool debug, ResponseCallback response = {});
 
-    // Adds a state owned by this peer. A second add of an existing path is
-    // refused by the broker (error response). Without a set callback, set
-    // requests from others are refused.
+    // Adds a state owned by this peer. Without a set callback, set requests
+    // from others are refused. A second add of an own path is refused by the
+    // broker (error response). When another connection holds the path, or the
+    // broker has no room left, the response is that error, its message says
+    // the peer keeps trying, and the peer adds the state as soon as the broker
+    // takes it (a log line says when). Any other refusal (e.g. the broker's
+    // access policy) drops the state.
     void addStateAsync(const std::string& path, const Json::Value& value, ResponseCallback response = {},
                        SetCallback onSet = {});
     void removeStateAsync(const std::string& path, ResponseCallback response = {});
