@@ -3,6 +3,7 @@
 // does and prints a summary at the end.
 #include <getopt.h>
 #include <json/writer.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -21,11 +22,12 @@ constexpr int kMaxModules = 64;
 
 void usage(std::ostream& out)
 {
-    out << "usage: tsdsim [--modules N] [--for SECONDS] [--json] [--bin DIR] [CHAIN-FILE]\n"
+    out << "usage: tsdsim [--modules N] [--for SECONDS] [--json] [--pcap DIR] [--bin DIR] [CHAIN-FILE]\n"
            "       tsdsim --version\n"
            "  --modules N    N modules on one bus (default 4) when no chain file is given\n"
            "  --for SECONDS  run time (default 15, or the chain file's duration)\n"
            "  --json         print the end summary as JSON on stdout (live view goes to stderr)\n"
+           "  --pcap DIR     write every bus's frames to DIR/BUS.pcap (DIR is made if missing)\n"
            "  --bin DIR      where velad, vela and tsd are (default: beside tsdsim)\n"
            "  --check        only read and check the chain file\n"
            "The chain-file format is described in docs/chain-files.md.\n"
@@ -37,6 +39,15 @@ bool executable(const std::string& path)
     return ::access(path.c_str(), X_OK) == 0;
 }
 
+bool makeDirectory(const std::string& dir)
+{
+    struct stat st{};
+    if (::stat(dir.c_str(), &st) == 0) {
+        return S_ISDIR(st.st_mode) && ::access(dir.c_str(), W_OK) == 0;
+    }
+    return ::mkdir(dir.c_str(), 0755) == 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -46,11 +57,13 @@ int main(int argc, char** argv)
     bool json = false;
     bool checkOnly = false;
     std::string binDir;
+    std::string pcapDir;
     static const option longOptions[] = {{"modules", required_argument, nullptr, 'n'},
                                          {"for", required_argument, nullptr, 'f'},
                                          {"json", no_argument, nullptr, 'j'},
                                          {"bin", required_argument, nullptr, 'b'},
                                          {"check", no_argument, nullptr, 'c'},
+                                         {"pcap", required_argument, nullptr, 'P'},
                                          {"help", no_argument, nullptr, 'h'},
                                          {"version", no_argument, nullptr, 'V'},
                                          {nullptr, 0, nullptr, 0}};
@@ -80,6 +93,13 @@ int main(int argc, char** argv)
                 break;
             case 'c':
                 checkOnly = true;
+                break;
+            case 'P':
+                pcapDir = optarg;
+                if (pcapDir.empty()) {
+                    std::cerr << "tsdsim: --pcap takes a directory\n";
+                    return kExitSetupFailed;
+                }
                 break;
             case 'h':
                 usage(std::cout);
@@ -146,6 +166,19 @@ int main(int argc, char** argv)
             std::cerr << "tsdsim: " << e.what() << "\n";
             return kExitSetupFailed;
         }
+        if (!pcapDir.empty()) {
+            if (!makeDirectory(pcapDir)) {
+                std::cerr << "tsdsim: --pcap: cannot write into '" << pcapDir << "'\n";
+                return kExitSetupFailed;
+            }
+            for (const auto& bus : scenario.world().buses()) {
+                std::string error;
+                if (!bus->startCapture(pcapDir + "/" + bus->name() + ".pcap", error)) {
+                    std::cerr << "tsdsim: --pcap: " << error << "\n";
+                    return kExitSetupFailed;
+                }
+            }
+        }
         std::vector<std::string> recent;
         double lastPlain = -10;
         auto onEvent = [&](const std::string& what) {
@@ -189,6 +222,13 @@ int main(int argc, char** argv)
             rc = kExitSetupFailed;
         }
         scenario.finish();
+        for (const auto& bus : scenario.world().buses()) {
+            if (!pcapDir.empty()) {
+                const std::uint64_t frames = bus->stopCapture();
+                std::cerr << "tsdsim: " << frames << " frames of bus " << bus->name() << " in " << pcapDir << "/"
+                          << bus->name() << ".pcap\n";
+            }
+        }
         if (tty) {
             live << "\033[H\033[J" << scenario.table() << "\n" << std::flush;
         }

@@ -397,6 +397,12 @@ void Bus::closeBridgeCapture()
     }
     if (fd >= 0) {
         m_io.removeFd(fd);
+        // What the bridge handed up before the loop came to read it still
+        // belongs in the file: the medium changes right after a frame more
+        // often than not (a cable cut, an impairment set in reply to it).
+        std::vector<unsigned char> buffer(kMaxFrame);
+        while (readCapture(fd, buffer.data(), buffer.size())) {
+        }
         ::close(fd);
     }
 }
@@ -446,33 +452,39 @@ void Bus::onCaptureReadable()
         std::lock_guard<std::mutex> lock(m_mutex);
         fd = m_captureFd;
     }
-    if (fd < 0) {
-        return;
+    // The rest waits for the next turn: the fd stays readable.
+    for (int i = 0; fd >= 0 && i < kFramesPerTurn; ++i) {
+        if (!readCapture(fd, m_buffer.data(), m_buffer.size())) {
+            return;
+        }
     }
+}
+
+bool Bus::readCapture(int fd, unsigned char* buffer, std::size_t size)
+{
     char control[CMSG_SPACE(sizeof(timespec))];
-    for (int i = 0; i < kFramesPerTurn; ++i) {
-        iovec iov{m_buffer.data(), m_buffer.size()};
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof control;
-        const ssize_t n = ::recvmsg(fd, &msg, MSG_DONTWAIT);
-        if (n <= 0) {
-            return;  // EAGAIN: drained
-        }
-        auto when = std::chrono::system_clock::now();
-        const cmsghdr* c = CMSG_FIRSTHDR(&msg);
-        if (c && c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_TIMESTAMPNS) {
-            timespec stamp{};
-            std::memcpy(&stamp, CMSG_DATA(c), sizeof stamp);
-            when = wallTime(stamp);
-        }
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_capturing) {
-            m_pcap.write(when, m_buffer.data(), static_cast<std::size_t>(n));
-        }
+    iovec iov{buffer, size};
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof control;
+    const ssize_t n = ::recvmsg(fd, &msg, MSG_DONTWAIT);
+    if (n <= 0) {
+        return false;  // EAGAIN: drained
     }
+    auto when = std::chrono::system_clock::now();
+    const cmsghdr* c = CMSG_FIRSTHDR(&msg);
+    if (c && c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_TIMESTAMPNS) {
+        timespec stamp{};
+        std::memcpy(&stamp, CMSG_DATA(c), sizeof stamp);
+        when = wallTime(stamp);
+    }
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_capturing) {
+        m_pcap.write(when, buffer, static_cast<std::size_t>(n));
+    }
+    return true;
 }
 
 void Bus::onRelayReadable(int portId)

@@ -122,6 +122,9 @@ private:
     void closeBridgeCapture();
     void onRelayReadable(int portId);
     void onCaptureReadable();
+    // Reads one frame from the bridge's capture socket into buffer and writes
+    // it to the file; false once none is waiting.
+    bool readCapture(int fd, unsigned char* buffer, std::size_t size);
     void deliver(int portId, const unsigned char* frame, std::size_t size);
 
     LoopThread& m_io;
