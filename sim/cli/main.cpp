@@ -12,6 +12,7 @@
 #include <string>
 
 #include "tsdsim/Chain.h"
+#include "tsdsim/ReportWriter.h"
 #include "tsdsim/Scenario.h"
 
 namespace {
@@ -22,11 +23,13 @@ constexpr int kMaxModules = 64;
 
 void usage(std::ostream& out)
 {
-    out << "usage: tsdsim [--modules N] [--for SECONDS] [--json] [--pcap DIR] [--bin DIR] [CHAIN-FILE]\n"
+    out << "usage: tsdsim [--modules N] [--for SECONDS] [--json] [--report FILE.html] [--pcap DIR]\n"
+           "              [--bin DIR] [CHAIN-FILE]\n"
            "       tsdsim --version\n"
            "  --modules N    N modules on one bus (default 4) when no chain file is given\n"
            "  --for SECONDS  run time (default 15, or the chain file's duration)\n"
            "  --json         print the end summary as JSON on stdout (live view goes to stderr)\n"
+           "  --report FILE  write a picture of the run (a self-contained HTML page) to FILE\n"
            "  --pcap DIR     write every bus's frames to DIR/BUS.pcap (DIR is made if missing)\n"
            "  --bin DIR      where velad, vela and tsd are (default: beside tsdsim)\n"
            "  --check        only read and check the chain file\n"
@@ -37,6 +40,16 @@ void usage(std::ostream& out)
 bool executable(const std::string& path)
 {
     return ::access(path.c_str(), X_OK) == 0;
+}
+
+// The directory a file would be written into, checked before the run so that
+// a mistyped path does not cost a whole run.
+bool writableDirectoryOf(const std::string& file)
+{
+    const std::string::size_type slash = file.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : file.substr(0, slash);
+    struct stat st{};
+    return ::stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && ::access(dir.c_str(), W_OK) == 0;
 }
 
 bool makeDirectory(const std::string& dir)
@@ -57,12 +70,14 @@ int main(int argc, char** argv)
     bool json = false;
     bool checkOnly = false;
     std::string binDir;
+    std::string reportFile;
     std::string pcapDir;
     static const option longOptions[] = {{"modules", required_argument, nullptr, 'n'},
                                          {"for", required_argument, nullptr, 'f'},
                                          {"json", no_argument, nullptr, 'j'},
                                          {"bin", required_argument, nullptr, 'b'},
                                          {"check", no_argument, nullptr, 'c'},
+                                         {"report", required_argument, nullptr, 'R'},
                                          {"pcap", required_argument, nullptr, 'P'},
                                          {"help", no_argument, nullptr, 'h'},
                                          {"version", no_argument, nullptr, 'V'},
@@ -93,6 +108,13 @@ int main(int argc, char** argv)
                 break;
             case 'c':
                 checkOnly = true;
+                break;
+            case 'R':
+                reportFile = optarg;
+                if (reportFile.empty() || !writableDirectoryOf(reportFile)) {
+                    std::cerr << "tsdsim: --report: cannot write into the directory of '" << reportFile << "'\n";
+                    return kExitSetupFailed;
+                }
                 break;
             case 'P':
                 pcapDir = optarg;
@@ -227,6 +249,15 @@ int main(int argc, char** argv)
                 const std::uint64_t frames = bus->stopCapture();
                 std::cerr << "tsdsim: " << frames << " frames of bus " << bus->name() << " in " << pcapDir << "/"
                           << bus->name() << ".pcap\n";
+            }
+        }
+        if (!reportFile.empty()) {
+            std::string error;
+            if (tsdsim::ReportWriter(scenario.timeline()).writeFile(reportFile, error)) {
+                std::cerr << "tsdsim: report of the run in " << reportFile << "\n";
+            } else {
+                std::cerr << "tsdsim: --report: " << error << "\n";
+                rc = kExitSetupFailed;
             }
         }
         if (tty) {
