@@ -160,7 +160,7 @@ int main(int argc, char** argv)
         return 0;
     }
     if (::geteuid() != 0) {
-        std::cerr << "tsdsim: needs root (it builds network and mount namespaces and TAP devices)\n";
+        std::cerr << "tsdsim: needs root (it builds network and mount namespaces and virtual interfaces)\n";
         return kExitSetupFailed;
     }
 
