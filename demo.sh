@@ -9,7 +9,7 @@ cd "$(dirname "$(readlink -f "$0")")"
 
 if [ "$(id -u)" -ne 0 ]; then
   echo "demo.sh: please run as root (sudo ./demo.sh): the simulator builds network" >&2
-  echo "namespaces, TAP devices and private mounts for every simulated module." >&2
+  echo "namespaces, virtual interfaces and private mounts for every simulated module." >&2
   exit 1
 fi
 
@@ -41,9 +41,20 @@ The table refreshes while the chain runs:
 
 After 9 seconds m4 is unplugged. About three seconds later the others
 notice it is gone and elect m3 instead, which then starts PTP. At the end
-you get a summary in plain words. Ctrl-C stops early and still cleans up.
+you get a summary in plain words and a picture of the whole run: a web page
+with one lane per module showing who was master when. Ctrl-C stops early and
+still cleans up.
 
 TEXT
 sleep 3
 
-exec "$build_dir/bin/tsdsim" sim/chains/demo.chain
+report="$(readlink -f "$build_dir")/demo-report.html"
+rm -f "$report"
+status=0
+"$build_dir/bin/tsdsim" --report "$report" sim/chains/demo.chain || status=$?
+if [ -s "$report" ]; then
+  echo
+  echo "demo.sh: the picture of this run is $report"
+  echo "         (one self-contained page: open it in any web browser)"
+fi
+exit "$status"

@@ -3,6 +3,7 @@
 // does and prints a summary at the end.
 #include <getopt.h>
 #include <json/writer.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -11,6 +12,7 @@
 #include <string>
 
 #include "tsdsim/Chain.h"
+#include "tsdsim/ReportWriter.h"
 #include "tsdsim/Scenario.h"
 
 namespace {
@@ -21,11 +23,14 @@ constexpr int kMaxModules = 64;
 
 void usage(std::ostream& out)
 {
-    out << "usage: tsdsim [--modules N] [--for SECONDS] [--json] [--bin DIR] [CHAIN-FILE]\n"
+    out << "usage: tsdsim [--modules N] [--for SECONDS] [--json] [--report FILE.html] [--pcap DIR]\n"
+           "              [--bin DIR] [CHAIN-FILE]\n"
            "       tsdsim --version\n"
            "  --modules N    N modules on one bus (default 4) when no chain file is given\n"
            "  --for SECONDS  run time (default 15, or the chain file's duration)\n"
            "  --json         print the end summary as JSON on stdout (live view goes to stderr)\n"
+           "  --report FILE  write a picture of the run (a self-contained HTML page) to FILE\n"
+           "  --pcap DIR     write every bus's frames to DIR/BUS.pcap (DIR is made if missing)\n"
            "  --bin DIR      where velad, vela and tsd are (default: beside tsdsim)\n"
            "  --check        only read and check the chain file\n"
            "The chain-file format is described in docs/chain-files.md.\n"
@@ -37,6 +42,25 @@ bool executable(const std::string& path)
     return ::access(path.c_str(), X_OK) == 0;
 }
 
+// The directory a file would be written into, checked before the run so that
+// a mistyped path does not cost a whole run.
+bool writableDirectoryOf(const std::string& file)
+{
+    const std::string::size_type slash = file.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : file.substr(0, slash);
+    struct stat st{};
+    return ::stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && ::access(dir.c_str(), W_OK) == 0;
+}
+
+bool makeDirectory(const std::string& dir)
+{
+    struct stat st{};
+    if (::stat(dir.c_str(), &st) == 0) {
+        return S_ISDIR(st.st_mode) && ::access(dir.c_str(), W_OK) == 0;
+    }
+    return ::mkdir(dir.c_str(), 0755) == 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -46,11 +70,15 @@ int main(int argc, char** argv)
     bool json = false;
     bool checkOnly = false;
     std::string binDir;
+    std::string reportFile;
+    std::string pcapDir;
     static const option longOptions[] = {{"modules", required_argument, nullptr, 'n'},
                                          {"for", required_argument, nullptr, 'f'},
                                          {"json", no_argument, nullptr, 'j'},
                                          {"bin", required_argument, nullptr, 'b'},
                                          {"check", no_argument, nullptr, 'c'},
+                                         {"report", required_argument, nullptr, 'R'},
+                                         {"pcap", required_argument, nullptr, 'P'},
                                          {"help", no_argument, nullptr, 'h'},
                                          {"version", no_argument, nullptr, 'V'},
                                          {nullptr, 0, nullptr, 0}};
@@ -80,6 +108,20 @@ int main(int argc, char** argv)
                 break;
             case 'c':
                 checkOnly = true;
+                break;
+            case 'R':
+                reportFile = optarg;
+                if (reportFile.empty() || !writableDirectoryOf(reportFile)) {
+                    std::cerr << "tsdsim: --report: cannot write into the directory of '" << reportFile << "'\n";
+                    return kExitSetupFailed;
+                }
+                break;
+            case 'P':
+                pcapDir = optarg;
+                if (pcapDir.empty()) {
+                    std::cerr << "tsdsim: --pcap takes a directory\n";
+                    return kExitSetupFailed;
+                }
                 break;
             case 'h':
                 usage(std::cout);
@@ -118,7 +160,7 @@ int main(int argc, char** argv)
         return 0;
     }
     if (::geteuid() != 0) {
-        std::cerr << "tsdsim: needs root (it builds network and mount namespaces and TAP devices)\n";
+        std::cerr << "tsdsim: needs root (it builds network and mount namespaces and virtual interfaces)\n";
         return kExitSetupFailed;
     }
 
@@ -145,6 +187,19 @@ int main(int argc, char** argv)
         } catch (const std::exception& e) {
             std::cerr << "tsdsim: " << e.what() << "\n";
             return kExitSetupFailed;
+        }
+        if (!pcapDir.empty()) {
+            if (!makeDirectory(pcapDir)) {
+                std::cerr << "tsdsim: --pcap: cannot write into '" << pcapDir << "'\n";
+                return kExitSetupFailed;
+            }
+            for (const auto& bus : scenario.world().buses()) {
+                std::string error;
+                if (!bus->startCapture(pcapDir + "/" + bus->name() + ".pcap", error)) {
+                    std::cerr << "tsdsim: --pcap: " << error << "\n";
+                    return kExitSetupFailed;
+                }
+            }
         }
         std::vector<std::string> recent;
         double lastPlain = -10;
@@ -189,6 +244,22 @@ int main(int argc, char** argv)
             rc = kExitSetupFailed;
         }
         scenario.finish();
+        for (const auto& bus : scenario.world().buses()) {
+            if (!pcapDir.empty()) {
+                const std::uint64_t frames = bus->stopCapture();
+                std::cerr << "tsdsim: " << frames << " frames of bus " << bus->name() << " in " << pcapDir << "/"
+                          << bus->name() << ".pcap\n";
+            }
+        }
+        if (!reportFile.empty()) {
+            std::string error;
+            if (tsdsim::ReportWriter(scenario.timeline()).writeFile(reportFile, error)) {
+                std::cerr << "tsdsim: report of the run in " << reportFile << "\n";
+            } else {
+                std::cerr << "tsdsim: --report: " << error << "\n";
+                rc = kExitSetupFailed;
+            }
+        }
         if (tty) {
             live << "\033[H\033[J" << scenario.table() << "\n" << std::flush;
         }

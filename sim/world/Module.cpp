@@ -96,10 +96,16 @@ void Module::addInterface(Side side, Bus& bus)
         throw std::runtime_error("tsdsim: module " + name() + " has its " + sideName(side) + " port already");
     }
     std::string address = "169.254." + std::to_string(bus.index()) + "." + std::to_string(m_index);
-    int fd = m_sandbox.addInterface(interfaceName(side), address, m_setup.nodeId(side));
+    const int portId = bus.attach(m_sandbox.netnsFd(), interfaceName(side), name() + "." + sideName(side));
+    try {
+        m_sandbox.addInterface(interfaceName(side), address, m_setup.nodeId(side));
+    } catch (...) {
+        bus.detach(portId);
+        throw;
+    }
     port.bus = &bus;
     port.address = address;
-    port.portId = bus.attach(fd, name() + "." + sideName(side));
+    port.portId = portId;
 }
 
 bool Module::hasInterface(Side side) const

@@ -70,6 +70,13 @@ std::string ModuleFiles::writeNodeId(const std::string& ifname, std::uint64_t no
     return file;
 }
 
+std::string ModuleFiles::writeLinkType(const std::string& ifname)
+{
+    const std::string file = path("ids/" + ifname + ".type");
+    writeFile(file, "24\n");
+    return file;
+}
+
 std::string ModuleFiles::output(const std::string& program) const
 {
     return readFile(outputFile(program));

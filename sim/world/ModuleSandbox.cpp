@@ -230,33 +230,33 @@ void ModuleSandbox::startHolder()
     }
 }
 
-int ModuleSandbox::addInterface(const std::string& ifname, const std::string& address, std::uint64_t nodeId)
+void ModuleSandbox::addInterface(const std::string& ifname, const std::string& address, std::uint64_t nodeId)
 {
     std::string err;
-    int fd = nsops::openFirewireTap(m_netns, ifname, err);
-    if (fd < 0) {
+    // Complete checksums: the frames are copied from their bytes by the relay
+    // and written into captures, where a checksum left to the device would
+    // be wrong.
+    if (!nsops::sendCompleteChecksums(m_netns, ifname, err) ||
+        !nsops::configureInterface(m_netns, ifname, address, 24, err)) {
         throw std::runtime_error("tsdsim: module " + m_name + ": " + err);
     }
-    if (!nsops::configureInterface(m_netns, ifname, address, 24, err)) {
-        ::close(fd);
-        throw std::runtime_error("tsdsim: module " + m_name + ": " + err);
-    }
-    // The tun driver shows a 6-byte MAC; the node id the daemon reads is the
-    // 8-byte FireWire GUID, put in place over the sysfs attribute.
-    std::string idFile;
-    try {
-        idFile = m_files.writeNodeId(ifname, nodeId);
-    } catch (...) {
-        ::close(fd);
-        throw;
-    }
-    std::string target = "/sys/class/net/" + ifname + "/address";
+    // The interface is an Ethernet one to the kernel; what the daemon reads
+    // is the FireWire identity put in place over the sysfs attributes: link
+    // type 24 and the 8-byte node id (GUID) as the address.
+    const std::vector<std::pair<std::string, std::string>> binds = {
+        {m_files.writeLinkType(ifname), "/sys/class/net/" + ifname + "/type"},
+        {m_files.writeNodeId(ifname, nodeId), "/sys/class/net/" + ifname + "/address"},
+    };
     int mntns = m_mntns;
     pid_t pid = ::fork();
     if (pid == 0) {
-        if (::setns(mntns, CLONE_NEWNS) < 0 ||
-            ::mount(idFile.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) < 0) {
+        if (::setns(mntns, CLONE_NEWNS) < 0) {
             ::_exit(1);
+        }
+        for (const auto& [source, target] : binds) {
+            if (::mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) < 0) {
+                ::_exit(1);
+            }
         }
         ::_exit(0);
     }
@@ -265,10 +265,8 @@ int ModuleSandbox::addInterface(const std::string& ifname, const std::string& ad
         ::waitpid(pid, &st, 0);
     }
     if (pid < 0 || !WIFEXITED(st) || WEXITSTATUS(st) != 0) {
-        ::close(fd);
-        throw std::runtime_error("tsdsim: module " + m_name + ": cannot place the node id of " + ifname);
+        throw std::runtime_error("tsdsim: module " + m_name + ": cannot place the FireWire identity of " + ifname);
     }
-    return fd;
 }
 
 ChildProcess::Options ModuleSandbox::childOptions(const std::vector<std::string>& argv,

@@ -1,8 +1,9 @@
 #include "NsOps.h"
 
 #include <arpa/inet.h>
+#include <linux/ethtool.h>
+#include <linux/sockios.h>
 #include <fcntl.h>
-#include <linux/if_tun.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sched.h>
@@ -16,8 +17,6 @@
 namespace tsdsim::nsops {
 
 namespace {
-constexpr unsigned short kLinkTypeIeee1394 = 24;
-
 std::string sysError(const std::string& what)
 {
     return what + ": " + std::strerror(errno);
@@ -39,37 +38,6 @@ NetnsSwitch::~NetnsSwitch()
         ::setns(m_home, CLONE_NEWNET);
         ::close(m_home);
     }
-}
-
-int openFirewireTap(int netnsFd, const std::string& name, std::string& error)
-{
-    // The tun driver creates the device in the namespace of whoever opened
-    // /dev/net/tun, so the open itself happens inside the module.
-    NetnsSwitch in(netnsFd);
-    if (!in.ok()) {
-        error = sysError("setns");
-        return -1;
-    }
-    int fd = ::open("/dev/net/tun", O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
-        error = sysError("open /dev/net/tun");
-        return -1;
-    }
-    ifreq ifr{};
-    ifr.ifr_flags = IFF_TAP | IFF_NO_PI;
-    std::strncpy(ifr.ifr_name, name.c_str(), IFNAMSIZ - 1);
-    if (::ioctl(fd, TUNSETIFF, &ifr) < 0) {
-        error = sysError("TUNSETIFF " + name);
-        ::close(fd);
-        return -1;
-    }
-    // Must happen while the link is still down: the driver refuses it later.
-    if (::ioctl(fd, TUNSETLINK, static_cast<unsigned long>(kLinkTypeIeee1394)) < 0) {
-        error = sysError("TUNSETLINK " + name);
-        ::close(fd);
-        return -1;
-    }
-    return fd;
 }
 
 bool setUp(const std::string& name, std::string& error)
@@ -123,6 +91,32 @@ bool configureInterface(int netnsFd, const std::string& name, const std::string&
         return false;
     }
     return setUp(name, error);
+}
+
+bool sendCompleteChecksums(int netnsFd, const std::string& name, std::string& error)
+{
+    NetnsSwitch in(netnsFd);
+    if (!in.ok()) {
+        error = sysError("setns");
+        return false;
+    }
+    int s = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (s < 0) {
+        error = sysError("socket");
+        return false;
+    }
+    ethtool_value off{};
+    off.cmd = ETHTOOL_STXCSUM;
+    off.data = 0;
+    ifreq ifr{};
+    std::strncpy(ifr.ifr_name, name.c_str(), IFNAMSIZ - 1);
+    ifr.ifr_data = reinterpret_cast<char*>(&off);
+    const bool ok = ::ioctl(s, SIOCETHTOOL, &ifr) == 0;
+    if (!ok) {
+        error = sysError("checksum offload off on " + name);
+    }
+    ::close(s);
+    return ok;
 }
 
 int socketIn(int netnsFd, int domain, int type, int protocol)

@@ -5,7 +5,7 @@
 // Small wrappers around the system calls that build a module's network, all
 // of them acting from the calling thread only: setns(CLONE_NEWNET) changes
 // the network namespace of one thread, so the world can reach into a module
-// while its other threads (the relay) stay where they are.
+// while its other threads (the relay and the monitors) stay where they are.
 namespace tsdsim::nsops {
 
 // Switches the calling thread into the network namespace netnsFd and back
@@ -24,14 +24,14 @@ private:
     bool m_ok = false;
 };
 
-// Creates a TAP device named name in the namespace netnsFd, gives it link
-// type 24 (IEEE 1394) and returns its fd (non-blocking, close-on-exec), or -1
-// with error set.
-int openFirewireTap(int netnsFd, const std::string& name, std::string& error);
-
 // Gives interface name an IPv4 address (prefix length bits) and sets it up.
 bool configureInterface(int netnsFd, const std::string& name, const std::string& address, int prefix,
                         std::string& error);
+
+// Makes the stack put complete checksums into what it sends through
+// interface name, instead of leaving them to a device (a veth's peer would
+// accept the frame unchecked, but a copy made from its bytes is checked).
+bool sendCompleteChecksums(int netnsFd, const std::string& name, std::string& error);
 
 // Sets an interface up (used for lo).
 bool setUp(const std::string& name, std::string& error);

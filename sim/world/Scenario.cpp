@@ -264,19 +264,26 @@ std::string Scenario::service(const Module& m) const
 {
     std::string running = "-";
     for (const auto& c : m.scriptCalls()) {
-        if (c.script == "ptp4ladm.sh") {
-            if (c.args == "start" || c.args == "restart") {
-                running = "ptp";
-            } else if (c.args == "stop" && running == "ptp") {
-                running = "-";
-            }
-        } else if (c.script == "start_ntpd.sh") {
-            running = "ntp";
-        } else if (c.script == "stop_ntpd.sh" && running == "ntp") {
-            running = "-";
-        }
+        running = timeServiceAfter(running, c.script, c.args);
     }
     return running;
+}
+
+RunTimeline Scenario::timeline() const
+{
+    std::map<std::string, RunTimeline::ModuleHistory> history;
+    for (const auto& mp : m_world->modules()) {
+        const Module& m = *mp;
+        RunTimeline::ModuleHistory& h = history[m.name()];
+        h.rear = m.hasInterface(Side::Rear);
+        h.front = m.hasInterface(Side::Front);
+        for (const auto& e : m.events()) {
+            if (e.path == "sync/app") {
+                h.app.push_back({e.time - m_startOffset, e.event == "remove", e.value});
+            }
+        }
+    }
+    return RunTimeline::build(summary(), history);
 }
 
 std::string Scenario::table() const

@@ -13,87 +13,17 @@
 #include <set>
 #include <thread>
 
+#include "TsdsimRun.h"
 #include "testsupport/ChildProcess.h"
 #include "tsdsim/ChildProcess.h"
 
 using namespace std::chrono_literals;
 using testsupport::binDir;
 
-namespace {
-
-// World directories of the simulator process pid (other simulators may run
-// beside the test).
-std::set<std::string> worldDirs(pid_t pid)
-{
-    std::set<std::string> dirs;
-    std::string prefix = "tsdsim-" + std::to_string(pid) + "-";
-    for (const auto& e : std::filesystem::directory_iterator("/tmp")) {
-        if (e.path().filename().string().rfind(prefix, 0) == 0) {
-            dirs.insert(e.path().string());
-        }
-    }
-    return dirs;
-}
-
-// Runs tsdsim with args; stdout collected, stderr into errFile.
-// Runs tsdsim with args; stdout collected, stderr into errFile; pid tells
-// the caller which directories were the simulator's.
-int runTsdsim(const std::vector<std::string>& args, std::string* out, const std::string& errFile,
-              pid_t* pid = nullptr, std::chrono::milliseconds timeout = 120s)
-{
-    tsdsim::ChildProcess::Options o;
-    o.argv = {binDir() + "/tsdsim"};
-    o.argv.insert(o.argv.end(), args.begin(), args.end());
-    o.outputFile = errFile;
-    o.pipeStdout = true;
-    tsdsim::ChildProcess sim;
-    if (!sim.start(o)) {
-        return -1;
-    }
-    if (pid) {
-        *pid = sim.pid();
-    }
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    char buf[4096];
-    for (;;) {
-        ssize_t n;
-        while ((n = ::read(sim.stdoutFd(), buf, sizeof buf)) > 0) {
-            out->append(buf, static_cast<std::size_t>(n));
-        }
-        if (!sim.running()) {
-            while ((n = ::read(sim.stdoutFd(), buf, sizeof buf)) > 0) {
-                out->append(buf, static_cast<std::size_t>(n));
-            }
-            return sim.status();
-        }
-        if (std::chrono::steady_clock::now() > deadline) {
-            return sim.stop();
-        }
-        std::this_thread::sleep_for(20ms);
-    }
-}
-
-std::string readAll(const std::string& path)
-{
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-class TempFile
-{
-public:
-    explicit TempFile(const std::string& tag)
-        : m_path("/tmp/simcli-test-" + std::to_string(::getpid()) + "-" + tag)
-    {
-    }
-    ~TempFile() { std::filesystem::remove(m_path); }
-    const std::string& path() const { return m_path; }
-
-private:
-    std::string m_path;
-};
-
-}  // namespace
+using simtest::readAll;
+using simtest::runTsdsim;
+using simtest::worldDirs;
+using TempFile = simtest::TempPath;
 
 TEST(TsdsimCli, BuiltInChainPrintsAJsonSummaryAndCleansUp)
 {
@@ -105,10 +35,8 @@ TEST(TsdsimCli, BuiltInChainPrintsAJsonSummaryAndCleansUp)
     ASSERT_EQ(WEXITSTATUS(st), 0) << readAll(err.path());
 
     Json::Value s;
-    Json::CharReaderBuilder b;
     std::string errors;
-    std::unique_ptr<Json::CharReader> r(b.newCharReader());
-    ASSERT_TRUE(r->parse(out.data(), out.data() + out.size(), &s, &errors)) << errors << out;
+    ASSERT_TRUE(simtest::parseJson(out, s, errors)) << errors << out;
     ASSERT_EQ(s["modules"].size(), 3u);
     EXPECT_FALSE(s["interrupted"].asBool());
     for (const auto& m : s["modules"]) {

@@ -1,13 +1,16 @@
 // The simulated world on its own, without the daemon: namespaces, identity
-// files, the relay between TAP devices of link type 24, its impairments, the
-// reachable-device computation and the clean-up.
+// files, the bus between the modules' interfaces (the kernel's bridge, the
+// relay once impaired), its impairments and captures, the reachable-device
+// computation and the clean-up.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <thread>
 
 #include "tsdsim/McastSocket.h"
@@ -46,6 +49,47 @@ ino_t nsInode(const std::string& path)
     {
     };
     return ::stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+// What a pcap file holds: its link type, and the UDP payload of every IPv4
+// frame in it, in order.
+struct Capture
+{
+    std::uint32_t linkType = 0;
+    std::size_t frames = 0;
+    std::vector<std::string> payloads;
+};
+
+Capture readCapture(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    const std::vector<unsigned char> d{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    Capture c;
+    auto u32 = [&](std::size_t at) {
+        std::uint32_t v = 0;
+        std::memcpy(&v, d.data() + at, 4);
+        return v;
+    };
+    if (d.size() < 24 || u32(0) != 0xa1b2c3d4) {
+        ADD_FAILURE() << path << " is no pcap file";
+        return c;
+    }
+    c.linkType = u32(20);
+    for (std::size_t at = 24; at + 16 <= d.size();) {
+        const std::size_t stored = u32(at + 8);
+        const unsigned char* f = d.data() + at + 16;
+        at += 16 + stored;
+        if (at > d.size()) {
+            ADD_FAILURE() << path << ": a record runs past the end";
+            break;
+        }
+        ++c.frames;
+        if (stored >= 42 && f[12] == 0x08 && f[13] == 0x00 && f[23] == 17) {
+            const std::size_t start = 14 + static_cast<std::size_t>(f[14] & 0x0f) * 4 + 8;
+            c.payloads.emplace_back(f + start, f + stored);
+        }
+    }
+    return c;
 }
 
 // Modules a and b with their rear ports on bus "b", and a multicast socket on
@@ -217,6 +261,68 @@ TEST(World, DelayHoldsEveryFrameBack)
     t.sa.send("late");
     EXPECT_EQ(t.sb.receive(5000ms), "late");
     EXPECT_GE(std::chrono::steady_clock::now() - t0, 350ms);
+}
+
+TEST(World, ImpairmentsHandTheBusToTheRelayAndBackKeepingTheCabling)
+{
+    TwoOnOneBus t;
+    ASSERT_TRUE(t.sa.ok() && t.sb.ok());
+    EXPECT_FALSE(t.bus.relaying());
+    t.bus.setDelay(1ms);
+    EXPECT_TRUE(t.bus.relaying());
+    ASSERT_TRUE(t.sa.send("relayed"));
+    EXPECT_EQ(t.sb.receive(3000ms), "relayed");
+
+    // A cable cut while relaying stays cut once the kernel carries again.
+    t.world.setCut(t.a, Side::Rear, true);
+    t.bus.setDelay(0ms);
+    EXPECT_FALSE(t.bus.relaying());
+    t.sa.send("lost");
+    EXPECT_EQ(t.sb.receive(300ms), "");
+    t.world.setCut(t.a, Side::Rear, false);
+    t.sb.send("bridged");
+    EXPECT_EQ(t.sa.receive(3000ms), "bridged");
+    EXPECT_GE(t.bus.stats().delivered, 2u);
+}
+
+TEST(World, CaptureHoldsWhatTheBusCarriedWhetherBridgedOrRelayed)
+{
+    TwoOnOneBus t;
+    ASSERT_TRUE(t.sa.ok() && t.sb.ok());
+    const std::string path = t.world.dir() + "/b.pcap";
+    std::string error;
+    ASSERT_TRUE(t.bus.startCapture(path, error)) << error;
+    ASSERT_TRUE(t.sa.send("bridged one"));
+    ASSERT_EQ(t.sb.receive(3000ms), "bridged one");
+    t.bus.setDuplicate(1.0);
+    ASSERT_TRUE(t.sb.send("relayed two"));
+    ASSERT_EQ(t.sa.receive(3000ms), "relayed two");
+    t.world.setCut(t.a, Side::Rear, true);
+    t.sa.send("never on the bus");
+    std::this_thread::sleep_for(300ms);
+    t.bus.setDuplicate(0.0);
+    t.world.setCut(t.a, Side::Rear, false);
+    ASSERT_TRUE(t.sa.send("bridged three"));
+    ASSERT_EQ(t.sb.receive(3000ms), "bridged three");
+    // Until the capture stops, frames may still be on their way to it.
+    std::this_thread::sleep_for(200ms);
+    const std::uint64_t frames = t.bus.stopCapture();
+
+    const Capture c = readCapture(path);
+    EXPECT_EQ(c.linkType, 1u);  // Ethernet, what the ports carry
+    EXPECT_EQ(c.frames, frames);
+    // Each frame once, as it entered the bus (not once per copy, nor twice
+    // for the duplication the relay applied to its copies).
+    const std::vector<std::string> telegrams = [&] {
+        std::vector<std::string> v;
+        for (const auto& p : c.payloads) {
+            if (p.find(' ') != std::string::npos) {
+                v.push_back(p);
+            }
+        }
+        return v;
+    }();
+    EXPECT_EQ(telegrams, (std::vector<std::string>{"bridged one", "relayed two", "bridged three"}));
 }
 
 TEST(World, ReachableDevicesFollowTheCabling)

@@ -63,9 +63,10 @@ public:
     int index() const { return m_index; }
     const std::string& dir() const { return m_files.dir(); }
 
-    // Cabling: creates the port's TAP device inside the module (named
-    // firewire0 / firewire1, address 169.254.<bus>.<module index>/24, up, node
-    // id in sysfs) and attaches it to bus. Call before the daemon starts:
+    // Cabling: bus makes the port's interface inside the module (named
+    // firewire0 / firewire1), which gets address 169.254.<bus>.<module
+    // index>/24, is set up and shows link type 24 and the node id in sysfs.
+    // Call before the daemon starts:
     // it reads its adapters at start-up. Throws std::runtime_error on failure.
     void addInterface(Side side, Bus& bus);
     bool hasInterface(Side side) const;

@@ -20,6 +20,7 @@ namespace tsdsim {
 //   realproc/ realdev/         where the sandbox mounts the module's own
 //                              procfs and /dev, which its shadows link to
 //   ids/IFNAME.address         node ids, bound over /sys/class/net/IFNAME/address
+//   ids/IFNAME.type            link type 24, bound over /sys/class/net/IFNAME/type
 //   status/SCRIPT              exit status a stand-in script gives (0 if absent)
 //   scripts.fifo               where the stand-ins hand over their calls
 //   scripts.log                "EPOCH-MS SCRIPT ARGS", one line per script call
@@ -59,6 +60,8 @@ public:
     // Writes the sysfs address text of nodeId for interface ifname and
     // returns the file's path, to be bound over the interface's attribute.
     std::string writeNodeId(const std::string& ifname, std::uint64_t nodeId);
+    // The same for the link type of a FireWire interface (24, IEEE 1394).
+    std::string writeLinkType(const std::string& ifname);
 
     // What a program wrote to stdout and stderr so far.
     std::string output(const std::string& program) const;

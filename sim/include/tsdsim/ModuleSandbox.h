@@ -25,7 +25,7 @@ class ModuleFiles;
 //   - /dev/log: a tmpfs over /dev links every device and points log at the
 //     socket the simulator reads.
 // Everything that runs in the module starts from here (childOptions), and
-// its FireWire interfaces are made here.
+// its FireWire interfaces get their identity here.
 //
 // Construction throws std::runtime_error; destruction kills the holder, and
 // with the last process inside the namespaces and mounts go. Use from the
@@ -39,10 +39,10 @@ public:
     ModuleSandbox(const ModuleSandbox&) = delete;
     ModuleSandbox& operator=(const ModuleSandbox&) = delete;
 
-    // Creates TAP device ifname of link type 24 (IEEE 1394) inside, with
-    // address/24, up, and nodeId in its sysfs address. Returns the TAP fd,
-    // non-blocking, owned by the caller. Throws std::runtime_error.
-    int addInterface(const std::string& ifname, const std::string& address, std::uint64_t nodeId);
+    // Gives interface ifname inside (made there by the bus) what the daemon
+    // reads of a FireWire interface: address/24, up, and in sysfs link type 24
+    // (IEEE 1394) and nodeId as its address. Throws std::runtime_error.
+    void addInterface(const std::string& ifname, const std::string& address, std::uint64_t nodeId);
 
     // How to start argv inside: namespaces, the module's directory as working
     // directory, stdout and stderr appended to the program's output file.

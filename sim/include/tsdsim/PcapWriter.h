@@ -7,10 +7,10 @@
 // from the magic number. A frame longer than the snapshot length is stored cut
 // to it, with its real length in the record.
 //
-// The simulated buses carry Ethernet-shaped frames (the TAP devices' own), so
+// The simulated buses carry Ethernet frames (their ports are veth pairs), so
 // the link type is Ethernet unless told otherwise. udpFrame() builds such a
-// frame around one IPv4 UDP datagram, for telegrams that never crossed a TAP
-// device (tests of the dissector, recorded traffic).
+// frame around one IPv4 UDP datagram, for telegrams that never crossed a
+// simulated bus (tests of the dissector, recorded traffic).
 //
 // Self-contained on purpose (header only, no library): a bus relay writes with
 // it from its own thread. Not thread-safe: one writer per thread at a time.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tsdsim/Chain.h"
+#include "tsdsim/RunTimeline.h"
 #include "tsdsim/World.h"
 
 namespace tsdsim {
@@ -54,6 +55,8 @@ public:
     Json::Value summary() const;
     // The summary in plain words for a newcomer.
     std::string summaryText() const;
+    // The run over time, for the report; after finish().
+    RunTimeline timeline() const;
 
 private:
     struct Happening

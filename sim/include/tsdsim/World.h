@@ -24,7 +24,8 @@ namespace tsdsim {
 // FireWire buses, modules with their own namespaces, and the real velad, tsd
 // and vela programs running inside them. Everything it makes it also takes
 // down: destroying the World stops every process (tsd with SIGTERM first),
-// ends the namespaces, deletes the TAP devices and removes its directory.
+// ends the namespaces (the buses' bridges and veth pairs go with them) and
+// removes its directory.
 // Should the process die without that, the kernel still kills the children
 // (parent-death signal) and with them the namespaces and devices.
 //
