@@ -10,6 +10,8 @@
 // TSD_PREBUILT_DEBS=DIR skips the build and takes the packages (and the
 // .changes) from DIR, for repeated runs while working on the tests.
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,8 +23,10 @@
 #include <iterator>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "Sandbox.h"
 #include "testsupport/ChildProcess.h"
 #include "testsupport/PrivateMounts.h"
 
@@ -513,4 +517,229 @@ TEST_F(DebianPackages, InstalledUnitsGetTheirSandboxScores)
         EXPECT_EQ(verify.status, 0) << unit << ": " << verify.text;
         EXPECT_EQ(verify.text, "") << unit;
     }
+}
+
+namespace {
+
+// A module booted from the installed packages: systemd as PID 1 of a
+// container (systemd-nspawn) whose root is the throw-away root, with a
+// network of its own (loopback and what the test adds), without
+// CAP_SYS_TIME, so nothing in it can set the host's clock. It boots a target
+// of its own that wants the module's units, not the host's.
+class BootedModule
+{
+public:
+    explicit BootedModule(const ThrowawayRoot& root)
+        : m_nspawn({"/usr/bin/systemd-nspawn", "--quiet", "--directory=" + root.path("/"), "--machine=tsdmodule",
+                    "--boot", "--register=no", "--keep-unit", "--private-network", "--console=passive",
+                    "--drop-capability=CAP_SYS_TIME", "--", "systemd.unit=tsd-module.target"})
+    {
+        m_nspawn.closeStdin();
+        // The container's init is nspawn's child.
+        const auto deadline = std::chrono::steady_clock::now() + 20s;
+        while (m_init <= 0 && std::chrono::steady_clock::now() < deadline && m_nspawn.running()) {
+            Output child = sh("cat /proc/" + std::to_string(m_nspawn.pid()) + "/task/*/children");
+            std::istringstream(child.text) >> m_init;
+            if (m_init <= 0) {
+                std::this_thread::sleep_for(100ms);
+            }
+        }
+    }
+    ~BootedModule()
+    {
+        if (m_init > 0) {
+            run("systemctl poweroff", 10s);
+            if (m_nspawn.wait(30s) == -1) {
+                // The init of the container's PID namespace takes every
+                // process of the container with it.
+                ::kill(m_init, SIGKILL);
+            }
+        }
+    }
+    BootedModule(const BootedModule&) = delete;
+    BootedModule& operator=(const BootedModule&) = delete;
+
+    bool started() const { return m_init > 0; }
+    // What nspawn said, once it ended.
+    std::string said() { return m_nspawn.readAll(1s) + m_nspawn.readAllStderr(1s); }
+    pid_t init() const { return m_init; }
+
+    // A shell command line inside the container: its namespaces, root and
+    // service manager.
+    Output run(const std::string& command, std::chrono::seconds timeout = 30s) const
+    {
+        return sh("exec /usr/bin/nsenter --target " + std::to_string(m_init) +
+                      " --all /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 SYSTEMD_COLORS=0"
+                      " /bin/sh -c " + shellQuoted(command),
+                  timeout);
+    }
+
+    // Polls a command inside until it succeeds; its last output.
+    Output until(const std::string& command, std::chrono::seconds timeout = 60s) const
+    {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        Output out = run(command);
+        while (out.status != 0 && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(250ms);
+            out = run(command);
+        }
+        return out;
+    }
+
+    std::string property(const std::string& unit, const std::string& name) const
+    {
+        Output out = run("systemctl show --value -p " + name + " " + unit);
+        return out.text.substr(0, out.text.find('\n'));
+    }
+
+private:
+    ChildProcess m_nspawn;
+    pid_t m_init = -1;
+};
+
+// The monotonic time of a unit's first journal line that holds text, in
+// seconds since boot; -1 when there is none.
+double firstJournalTime(const BootedModule& module, const std::string& unit, const std::string& text)
+{
+    Output out = module.run("journalctl -b -o short-monotonic --no-pager -u " + unit + " | grep -m 1 -F " +
+                            shellQuoted(text));
+    if (out.status != 0 || out.text.size() < 3 || out.text[0] != '[') {
+        return -1;
+    }
+    return std::strtod(out.text.c_str() + 1, nullptr);
+}
+
+}  // namespace
+
+// The packages on a booted module, under the real service manager: the
+// socket holds the bus's port and starts the broker, the notify services
+// become active when they say so, the services beside tsd come first, tsd
+// runs once its rear port is there, its scripts start ptp4l in a unit of its
+// own from inside tsd's sandbox, and signalling tsd leaves ptp4l alone.
+TEST_F(DebianPackages, ABootedModuleRunsThePackagesUnderTheServiceManager)
+{
+    ASSERT_TRUE(s_built);
+    if (::access("/usr/bin/systemd-nspawn", X_OK) != 0) {
+        GTEST_SKIP() << "systemd-nspawn is missing (package systemd-container, scripts/install-deps)";
+    }
+    ThrowawayRoot root("boot");
+    installAll(root);
+    // The container brings its own /proc, /dev and /run; nothing is to be
+    // refused to the service manager that boots.
+    ASSERT_EQ(::unlink(root.path("/usr/sbin/policy-rc.d").c_str()), 0);
+    for (const char* mounted : {"/proc", "/dev", "/run"}) {
+        ASSERT_EQ(::umount2(root.path(mounted).c_str(), MNT_DETACH), 0) << mounted;
+    }
+    ASSERT_TRUE(PrivateMounts::writeFile(root.path("/etc/systemd/system/tsd-module.target"),
+                                         "[Unit]\nDescription=The module's own services\n"
+                                         "Requires=basic.target\nAfter=basic.target\n"
+                                         "Wants=velad.socket velad.service fwdevd.service tsdparamd.service "
+                                         "tsd.service\nAllowIsolate=yes\n"));
+    // This module's UUID; ptp4l with software time stamps (a TAP has no
+    // others) and never steering a clock.
+    ASSERT_EQ(root.run("sed -i -e 's/^UUID=.*/UUID=000104/' -e 's/^PTP4L_FOLLOWER_OPTIONS=.*/"
+                       "PTP4L_FOLLOWER_OPTIONS=\"-4 -S -i firewire0 --free_running 1\"/' /etc/default/tsd && "
+                       "sed -i 's/\"ptp4l\": .*/\"ptp4l\": \"-4 -S -i firewire0 --free_running 1\"/' "
+                       "/etc/tsd/param.json")
+                  .status,
+              0);
+
+    const auto start = std::chrono::steady_clock::now();
+    BootedModule module(root);
+    ASSERT_TRUE(module.started()) << module.said();
+    Output booted = module.until("systemctl is-active --quiet tsdparamd.service fwdevd.service velad.service");
+    std::printf("[ figures  ] boot to velad, fwdevd and tsdparamd active: %.1f s\n",
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    ASSERT_EQ(booted.status, 0) << module.run("systemctl --no-pager status velad fwdevd tsdparamd").text;
+
+    // The broker holds its port through the socket, runs as its own user,
+    // and every service beside tsd said when it was ready.
+    EXPECT_EQ(module.property("velad.socket", "ActiveState"), "active");
+    for (const char* unit : {"velad.service", "fwdevd.service", "tsdparamd.service", "tsd.service"}) {
+        EXPECT_EQ(module.property(unit, "Type"), "notify") << unit;
+    }
+    for (const auto& [unit, user] : std::vector<std::pair<std::string, std::string>>{
+             {"velad.service", "velad"}, {"fwdevd.service", "fwdevd"}, {"tsdparamd.service", "tsdparamd"}}) {
+        Output owner = module.run("ps -o user:32= -p " + module.property(unit, "MainPID"));
+        EXPECT_EQ(owner.text, user + "\n") << unit;
+    }
+    Output listeners = module.run("ss -Hltnp 'sport = :11122'");
+    EXPECT_NE(listeners.text.find("127.0.0.1:11122"), std::string::npos) << listeners.text;
+    EXPECT_NE(listeners.text.find("(\"systemd\",pid=1,"), std::string::npos) << listeners.text;
+
+    // No rear port yet: tsd cannot run. A container's /sys is read-only, so
+    // the service manager has no device units there and the wait for
+    // firewire0 does not hold tsd back; it ends with 255 and is restarted.
+    EXPECT_NE(module.property("tsd.service", "After").find("sys-subsystem-net-devices-firewire0.device"),
+              std::string::npos);
+    // firewire0: a TAP of the FireWire link type, created in the module's
+    // network, carrying the node id that makes it this module's rear port
+    // (the tun driver shows a 6-byte address; the daemon reads the 8-byte
+    // node id from sysfs, so it is put over the attribute).
+    const int home = ::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+    const int there = ::open(("/proc/" + std::to_string(module.init()) + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(home, 0);
+    ASSERT_GE(there, 0);
+    ASSERT_EQ(::setns(there, CLONE_NEWNET), 0);
+    auto tap = std::make_unique<orvtest::Tap>("firewire0", 24);
+    ASSERT_EQ(::setns(home, CLONE_NEWNET), 0);
+    ::close(there);
+    ::close(home);
+    Output port = module.run("ip addr add 169.254.10.1/16 dev firewire0 && ip link set firewire0 up && "
+                             "echo 00:0a:7c:31:00:00:01:04 > /run/firewire0.address && "
+                             "mount --bind /run/firewire0.address /sys/class/net/firewire0/address");
+    ASSERT_EQ(port.status, 0) << port.text;
+
+    Output tsdActive = module.until("systemctl is-active --quiet tsd.service", 60s);
+    ASSERT_EQ(tsdActive.status, 0) << module.run("journalctl -b --no-pager -u tsd | tail -n 30").text;
+    // fwdevd and tsdparamd were ready before tsd was first started.
+    const double tsdFirst = firstJournalTime(module, "tsd.service", "Starting tsd.service");
+    const double fwdevdReady = firstJournalTime(module, "fwdevd.service", "Started fwdevd.service");
+    const double paramReady = firstJournalTime(module, "tsdparamd.service", "Started tsdparamd.service");
+    EXPECT_GT(fwdevdReady, 0.0);
+    EXPECT_GT(paramReady, 0.0);
+    EXPECT_LT(fwdevdReady, tsdFirst);
+    EXPECT_LT(paramReady, tsdFirst);
+
+    // Alone on its chain, tsd elects itself and has its script start the
+    // serving ptp4l: systemd-run from inside tsd's sandbox, a unit of its own.
+    Output master = module.until("vela get sync/master | grep -q 0A7C31000104 && "
+                                 "[ \"$(cat /run/timesync/ptp4l.role)\" = server ] && "
+                                 "systemctl is-active --quiet tsd-ptp4l.service",
+                                 30s);
+    ASSERT_EQ(master.status, 0) << module.run("vela get sync/master; cat /run/timesync/ptp4l.role; "
+                                              "journalctl -b --no-pager -u tsd -u tsd-ptp4l | tail -n 30")
+                                       .text;
+    EXPECT_EQ(module.property("tsd-ptp4l.service", "ControlGroup"), "/system.slice/tsd-ptp4l.service");
+    const std::string ptp4l = module.property("tsd-ptp4l.service", "MainPID");
+    EXPECT_EQ(module.run("cat /run/timesync/ptp4l.pid").text, ptp4l + "\n");
+
+    // Debug logging on, the way the unit's comment says: the daemon gets the
+    // signal, ptp4l does not.
+    const std::string tsdPid = module.property("tsd.service", "MainPID");
+    Output debug = module.run("systemctl kill --kill-whom=main -s SIGUSR1 tsd && sleep 1");
+    ASSERT_EQ(debug.status, 0) << debug.text;
+    EXPECT_EQ(module.property("tsd.service", "MainPID"), tsdPid);
+    EXPECT_EQ(module.property("tsd.service", "ActiveState"), "active");
+    EXPECT_EQ(module.property("tsd-ptp4l.service", "MainPID"), ptp4l);
+    EXPECT_EQ(module.property("tsd-ptp4l.service", "ActiveState"), "active");
+
+    // The broker stopped: the socket keeps the port, and the next peer that
+    // connects starts a new broker, where tsd's states are back.
+    const std::string velad = module.property("velad.service", "MainPID");
+    ASSERT_EQ(module.run("systemctl stop velad.service").status, 0);
+    EXPECT_EQ(module.property("velad.socket", "ActiveState"), "active");
+    Output again = module.until("vela get sync/master | grep -q 0A7C31000104", 30s);
+    EXPECT_EQ(again.status, 0) << again.text;
+    EXPECT_EQ(module.property("velad.service", "ActiveState"), "active");
+    EXPECT_NE(module.property("velad.service", "MainPID"), velad);
+
+    // The sandboxes as the running service manager rates them.
+    for (const char* unit : {"velad.service", "fwdevd.service", "tsdparamd.service", "tsd.service"}) {
+        Output score = module.run(std::string("systemd-analyze security --no-pager ") + unit + " | tail -n 1");
+        std::printf("[ figures  ] running: %s", score.text.c_str());
+        EXPECT_NE(score.text.find("Overall exposure level for " + std::string(unit)), std::string::npos);
+    }
+    Output failed = module.run("systemctl --no-pager --failed --plain --no-legend | grep -E 'velad|fwdevd|tsd'");
+    EXPECT_EQ(failed.text, "");
 }
