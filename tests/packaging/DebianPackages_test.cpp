@@ -5,7 +5,9 @@
 // vanish with the test. The host's root and its package database stay as they
 // were. It also builds a small bus program against the installed development
 // files, once with pkg-config and once with CMake, and runs it, and prints the
-// sandbox scores of the installed units.
+// sandbox scores of the installed units. Last, it boots a module from the
+// installed packages: systemd as the init of a container (systemd-nspawn)
+// whose root is such a throw-away root, with a network of its own.
 //
 // TSD_PREBUILT_DEBS=DIR skips the build and takes the packages (and the
 // .changes) from DIR, for repeated runs while working on the tests.
