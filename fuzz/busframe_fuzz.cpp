@@ -6,21 +6,15 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "Frame.h"
 #include "JsonText.h"
 #include "Protocol.h"
+#include "support/Check.h"
 
 namespace {
-
-void check(bool condition)
-{
-    if (!condition)
-        std::abort();
-}
 
 constexpr std::size_t kLimit = 4096;
 
@@ -45,26 +39,26 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             continue;
         }
         if (r == vela::FrameDecoder::Result::kBadLength) {
-            check(decoder.badLength() == 0 || decoder.badLength() > kLimit);
+            FUZZ_CHECK(decoder.badLength() == 0 || decoder.badLength() > kLimit);
             break;  // the connection ends here
         }
-        check(!payload.empty() && payload.size() <= kLimit);
+        FUZZ_CHECK(!payload.empty() && payload.size() <= kLimit);
         consumed += vela::kFrameHeaderSize + payload.size();
-        check(consumed <= size);
+        FUZZ_CHECK(consumed <= size);
 
         Json::Value value;
         std::string error;
         if (!vela::parseJson(payload, &value, &error)) {
-            check(!error.empty());
+            FUZZ_CHECK(!error.empty());
             continue;
         }
         Json::Value again;
         std::string compact = vela::toCompact(value);
-        check(vela::parseJson(compact, &again, &error));
-        check(vela::toCompact(again) == compact);
+        FUZZ_CHECK(vela::parseJson(compact, &again, &error));
+        FUZZ_CHECK(vela::toCompact(again) == compact);
         vela::protocol::Message m = vela::protocol::classify(std::move(value));
         if (m.kind == vela::protocol::Message::Kind::kInvalid)
-            check(!m.error.empty());
+            FUZZ_CHECK(!m.error.empty());
     }
     return 0;
 }

@@ -5,22 +5,16 @@
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
 #include <pugixml.hpp>
 
 #include "config/ConfigDocument.h"
+#include "support/Check.h"
 
 using orv::tsd::ConfigDocument;
 
 namespace {
-
-void check(bool condition)
-{
-    if (!condition)
-        std::abort();
-}
 
 // Text that does not start (after blanks and a sign) with a digit converts
 // to 0.
@@ -33,7 +27,7 @@ void checkNumber(const std::string& text)
     if (i < text.size() && (text[i] == '+' || text[i] == '-'))
         ++i;
     if (i >= text.size() || !std::isdigit(static_cast<unsigned char>(text[i])))
-        check(value == 0);
+        FUZZ_CHECK(value == 0);
 }
 
 }  // namespace
@@ -46,7 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const ConfigDocument values = ConfigDocument::read(document);
     checkNumber(values.multicastPort);
     for (const auto& level : values.prioLevels) {
-        check(!level.first.empty());
+        FUZZ_CHECK(!level.first.empty());
         checkNumber(level.second);
     }
     return 0;

@@ -4,22 +4,16 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "protocol/ModuleItem.h"
 #include "protocol/Telegram.h"
+#include "support/Check.h"
 
 using namespace orv::tsd;
 
 namespace {
-
-void check(bool condition)
-{
-    if (!condition)
-        std::abort();
-}
 
 unsigned word(const std::uint8_t* data, std::size_t size, std::size_t at)
 {
@@ -36,12 +30,12 @@ void roundTrip(const std::uint8_t* data, std::size_t size)
     for (interface_t side : {REAR_FW, FRONT_FW}) {
         const std::string text = telegram::encodeItem(item, side);
         const telegram::Decoded decoded = telegram::decode(text.data(), text.size());
-        check(decoded.kind == telegram::Kind::Item);
-        check(decoded.sentOver == side);
-        check(telegram::parseHex(decoded.uuid) == item.uuid);
-        check(telegram::parseHex(decoded.module) == item.module);
-        check(telegram::parseHex(decoded.prio) == item.prio);
-        check(telegram::parseHex(decoded.threshold) == item.threshold);
+        FUZZ_CHECK(decoded.kind == telegram::Kind::Item);
+        FUZZ_CHECK(decoded.sentOver == side);
+        FUZZ_CHECK(telegram::parseHex(decoded.uuid) == item.uuid);
+        FUZZ_CHECK(telegram::parseHex(decoded.module) == item.module);
+        FUZZ_CHECK(telegram::parseHex(decoded.prio) == item.prio);
+        FUZZ_CHECK(telegram::parseHex(decoded.threshold) == item.threshold);
     }
 }
 
@@ -56,7 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool framed = whole.size() >= 13 && whole.compare(0, 7, "<sync>:") == 0 &&
                         whole.compare(whole.size() - 7, 7, ":<sync>") == 0;
     if (!framed)
-        check(decoded.kind == telegram::Kind::BadFormat);
+        FUZZ_CHECK(decoded.kind == telegram::Kind::BadFormat);
     if (decoded.kind == telegram::Kind::Item) {
         telegram::parseHex(decoded.uuid);
         telegram::parseHex(decoded.module);

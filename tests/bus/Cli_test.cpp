@@ -167,7 +167,7 @@ TEST_F(CliTest, WatchForSecondsEndsWithStatusZero)
 TEST_F(CliTest, WatchEndsWithStatusZeroOnSigterm)
 {
     ChildProcess watch(velaArgs(velad.port(), {"watch"}));
-    std::this_thread::sleep_for(100ms);
+    ASSERT_TRUE(watch.waitForHandler(SIGTERM));
     EXPECT_EQ(watch.signalAndWait(SIGTERM), 0);
 }
 

@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <chrono>
 #include <functional>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -479,4 +481,46 @@ TEST(EventLoop, PostedFunctionsInterleaveWithFdCallbacks)
     EXPECT_FALSE(watchdog.fired());
     EXPECT_EQ(round, 10);
     loop.removeFd(pipe.readEnd());
+}
+
+namespace {
+
+// The daemon keeps its loop in a static object and its stop handler installed
+// until the process ends, so a signal may come while static objects are being
+// destroyed. This runs at exit after the loop's destruction (it is registered
+// before the loop exists): the pipe it opens takes the numbers of the loop's
+// closed fds, and the late stop() must write into none of them.
+int g_lateSignalPipe[2] = {-1, -1};
+
+void raiseAfterTheLoopIsGone()
+{
+    if (::pipe2(g_lateSignalPipe, O_NONBLOCK) != 0) {
+        ::_exit(3);
+    }
+    ::raise(SIGUSR1);
+    char byte = 0;
+    const bool written = ::read(g_lateSignalPipe[0], &byte, 1) > 0;
+    ::_exit(written ? 2 : 0);
+}
+
+}  // namespace
+
+TEST(EventLoop, StopAfterAStaticLoopIsDestroyedDoesNothing)
+{
+    std::fflush(nullptr);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        std::atexit(raiseAfterTheLoopIsGone);
+        static EventLoop loop;
+        g_signalLoop = &loop;
+        struct sigaction action{};
+        action.sa_handler = stopLoopHandler;
+        ::sigaction(SIGUSR1, &action, nullptr);
+        std::exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status)) << "died of signal " << WTERMSIG(status);
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "2: the late stop() wrote into a reused fd";
 }

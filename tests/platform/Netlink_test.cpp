@@ -15,6 +15,7 @@
 #include "orv/sys/EventLoop.h"
 #include "orv/sys/Timer.h"
 #include "testsupport/LoopRun.h"
+#include "testsupport/TimeScale.h"
 
 using orv::communication::Netadapter;
 using orv::communication::NetadapterList;
@@ -380,7 +381,8 @@ TEST(Netlink, LostNotificationsAreRecoveredByADump)
         orvtest::writeFile("/mnt/batch", batch);
         ASSERT_TRUE(run("ip -batch /mnt/batch"));
         ASSERT_TRUE(runUntil(
-            loop, [&] { return list.getAdapterByName("va").getIpv4Addresses().size() == kAddresses; }, 20s));
+            loop, [&] { return list.getAdapterByName("va").getIpv4Addresses().size() == kAddresses; },
+            testsupport::scaled(20s)));
         settle(loop, recorder, "mk");
         EXPECT_GT(netlink.overruns(), 0u) << "the kernel kept up; the recovery was not exercised";
         // Every address reported exactly once, whether by notification or by the dump.

@@ -25,6 +25,8 @@
 #include <functional>
 #include <string>
 
+#include "testsupport/TimeScale.h"
+
 namespace orvtest {
 
 // Runs a shell command (in the calling thread's namespaces); its exit status.
@@ -54,14 +56,15 @@ inline void writeFile(const std::string& path, const std::string& content)
 // Runs body in a forked child that has its own network namespace (loopback
 // up), its own mount namespace with a sysfs of that network namespace on /sys,
 // a scratch tmpfs on /mnt and an empty tmpfs on /run. The child's GoogleTest
-// failures print as usual and make the calling test fail.
+// failures print as usual and make the calling test fail. The time-out grows
+// with the build's time scale.
 inline void runIsolated(const std::function<void()>& body, unsigned timeoutSeconds = 60)
 {
     std::fflush(nullptr);
     const pid_t child = ::fork();
     ASSERT_GE(child, 0) << std::strerror(errno);
     if (child == 0) {
-        ::alarm(timeoutSeconds);
+        ::alarm(timeoutSeconds * static_cast<unsigned>(testsupport::timeScale()));
         int code = 0;
         if (::unshare(CLONE_NEWNS | CLONE_NEWNET) != 0 ||
             ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||

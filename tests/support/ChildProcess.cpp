@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 #include <thread>
 
@@ -167,6 +169,40 @@ int ChildProcess::wait(std::chrono::milliseconds timeout)
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return m_status;
+}
+
+namespace {
+
+// Whether /proc/PID/status lists sig among the caught signals (SigCgt, a hex
+// mask with bit sig - 1).
+bool catches(pid_t pid, int sig)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.compare(0, 7, "SigCgt:") == 0) {
+            const unsigned long long mask = std::strtoull(line.c_str() + 7, nullptr, 16);
+            return ((mask >> (sig - 1)) & 1ULL) != 0;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+bool ChildProcess::waitForHandler(int sig, std::chrono::milliseconds timeout)
+{
+    const auto deadline = Clock::now() + timeout;
+    while (running()) {
+        if (catches(m_pid, sig)) {
+            return true;
+        }
+        if (Clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return false;
 }
 
 int ChildProcess::signalAndWait(int sig, std::chrono::milliseconds timeout)

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -57,6 +58,49 @@ std::string shadowRootOf(const std::string& path)
             best = dir;
     }
     return best;
+}
+
+// A shadowed /proc lists only the processes that existed when it was made,
+// but a process started later needs its own /proc/PID too: the sanitizers'
+// leak check at exit, for one, reads /proc/PID/task. Every process forked
+// from here on adds its entry, a link into the original like the others.
+// Runs in the child right after fork, so it only formats into fixed buffers
+// and calls symlink(2).
+char g_procOriginal[256];
+
+void appendNumber(char*& at, const char* end, unsigned long value)
+{
+    char digits[24];
+    int count = 0;
+    do {
+        digits[count++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    while (count > 0 && at < end)
+        *at++ = digits[--count];
+}
+
+void appendText(char*& at, const char* end, const char* text)
+{
+    while (*text != '\0' && at < end)
+        *at++ = *text++;
+}
+
+void exposeForkedProcess()
+{
+    const auto pid = static_cast<unsigned long>(::getpid());
+    char target[sizeof g_procOriginal + 32];
+    char link[64];
+    char* at = target;
+    appendText(at, target + sizeof target - 1, g_procOriginal);
+    appendText(at, target + sizeof target - 1, "/");
+    appendNumber(at, target + sizeof target - 1, pid);
+    *at = '\0';
+    at = link;
+    appendText(at, link + sizeof link - 1, "/proc/");
+    appendNumber(at, link + sizeof link - 1, pid);
+    *at = '\0';
+    [[maybe_unused]] const int rc = ::symlink(target, link);
 }
 
 }  // namespace
@@ -119,6 +163,12 @@ bool PrivateMounts::shadow(const std::string& dir)
     }
     ::closedir(d);
     g_shadowed.insert(dir);
+    if (dir == "/proc" && original.size() < sizeof g_procOriginal) {
+        std::memcpy(g_procOriginal, original.c_str(), original.size() + 1);
+        static const bool registered = ::pthread_atfork(nullptr, nullptr, exposeForkedProcess) == 0;
+        if (!registered)
+            return fail("pthread_atfork");
+    }
     return true;
 }
 

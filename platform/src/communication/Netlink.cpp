@@ -273,11 +273,12 @@ struct Netlink::Impl
     {
         const std::uint64_t myGeneration = generation;
         for (;;) {
-            const ssize_t n = ::recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
+            const long n = rtnl::receiveFromKernel(fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
             if (n < 0) {
-                if (errno == ENOBUFS) {
+                if (n == -ENOBUFS || n == -ENOSPC) {
                     ++overruns;
-                    // Notifications were dropped: compare with the kernel again.
+                    // Notifications were dropped (by the kernel, or cut off
+                    // here): compare with the kernel again.
                     if (phase == Phase::Live) {
                         startSync();
                     } else {
@@ -287,12 +288,13 @@ struct Netlink::Impl
                 }
                 return;  // EAGAIN, or an error that the next round reports again
             }
-            int remaining = static_cast<int>(n);
-            for (const nlmsghdr* nlh = reinterpret_cast<const nlmsghdr*>(buffer.data());
-                 mnl_nlmsg_ok(nlh, remaining); nlh = mnl_nlmsg_next(nlh, &remaining)) {
-                if (!onMessage(nlh) || generation != myGeneration) {
-                    return;
-                }
+            bool stopped = false;
+            rtnl::forEachMessage(buffer.data(), static_cast<std::size_t>(n), [&](const nlmsghdr* nlh) {
+                stopped = !onMessage(nlh) || generation != myGeneration;
+                return !stopped;
+            });
+            if (stopped) {
+                return;
             }
         }
     }

@@ -4,9 +4,11 @@
 #include <libmnl/libmnl.h>
 #include <linux/if.h>
 #include <linux/if_addr.h>
+#include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <vector>
@@ -51,12 +53,6 @@ int addressAttribute(const nlattr* attr, void* data)
     if ((type == IFA_LOCAL || type == IFA_ADDRESS) && mnl_attr_get_payload_len(attr) == sizeof(in_addr)) {
         (type == IFA_LOCAL ? out->local : out->address) = attr;
     }
-    return MNL_CB_OK;
-}
-
-int forwardMessage(const nlmsghdr* nlh, void* data)
-{
-    (*static_cast<const MessageHandler*>(data))(nlh);
     return MNL_CB_OK;
 }
 
@@ -148,6 +144,94 @@ int requestDump(mnl_socket* socket, std::uint16_t type, std::uint32_t seq)
     return 0;
 }
 
+bool forEachMessage(const void* datagram, std::size_t size, const std::function<bool(const nlmsghdr*)>& handler)
+{
+    const auto* at = static_cast<const char*>(datagram);
+    std::size_t left = size;
+    while (left >= sizeof(nlmsghdr)) {
+        const auto* nlh = reinterpret_cast<const nlmsghdr*>(at);
+        const std::size_t length = nlh->nlmsg_len;
+        if (length < sizeof(nlmsghdr) || length > left) {
+            return false;
+        }
+        if (!handler(nlh)) {
+            return true;
+        }
+        // The last message of a datagram may lack its alignment padding.
+        const std::size_t step = std::min<std::size_t>(NLMSG_ALIGN(length), left);
+        at += step;
+        left -= step;
+    }
+    return true;
+}
+
+int dumpReply(const void* datagram, std::size_t size, std::uint32_t seq, unsigned portid,
+              const MessageHandler& handler)
+{
+    int result = 1;
+    const bool wellFormed = forEachMessage(datagram, size, [&](const nlmsghdr* nlh) {
+        // The same checks as libmnl's callback runner, which this replaces.
+        if (nlh->nlmsg_pid != 0 && portid != 0 && nlh->nlmsg_pid != portid) {
+            result = -ESRCH;
+            return false;
+        }
+        if (nlh->nlmsg_seq != 0 && seq != 0 && nlh->nlmsg_seq != seq) {
+            result = -EPROTO;
+            return false;
+        }
+        if ((nlh->nlmsg_flags & NLM_F_DUMP_INTR) != 0) {
+            result = -EINTR;
+            return false;
+        }
+        if (nlh->nlmsg_type >= NLMSG_MIN_TYPE) {
+            handler(nlh);
+            return true;
+        }
+        switch (nlh->nlmsg_type) {
+            case NLMSG_ERROR: {
+                if (nlh->nlmsg_len < mnl_nlmsg_size(sizeof(nlmsgerr))) {
+                    result = -EBADMSG;
+                    return false;
+                }
+                const auto* error = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(nlh));
+                // An error of 0 is an acknowledgement: the request is done.
+                result = error->error == 0 ? 0 : (error->error < 0 ? error->error : -EPROTO);
+                return false;
+            }
+            case NLMSG_DONE:
+                result = 0;
+                return false;
+            default:  // NLMSG_NOOP, NLMSG_OVERRUN and the reserved types
+                return true;
+        }
+    });
+    return wellFormed ? result : -EBADMSG;
+}
+
+long receiveFromKernel(int fd, void* buffer, std::size_t size, int flags)
+{
+    for (;;) {
+        sockaddr_nl from{};
+        iovec part{buffer, size};
+        msghdr message{};
+        message.msg_name = &from;
+        message.msg_namelen = sizeof from;
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        const ssize_t n = ::recvmsg(fd, &message, flags);
+        if (n < 0) {
+            return -errno;
+        }
+        if (message.msg_namelen != sizeof from || from.nl_pid != 0) {
+            continue;
+        }
+        if ((message.msg_flags & MSG_TRUNC) != 0) {
+            return -ENOSPC;
+        }
+        return static_cast<long>(n);
+    }
+}
+
 int dump(mnl_socket* socket, std::uint16_t type, std::uint32_t seq, const MessageHandler& handler)
 {
     if (int rc = requestDump(socket, type, seq); rc < 0) {
@@ -156,20 +240,16 @@ int dump(mnl_socket* socket, std::uint16_t type, std::uint32_t seq, const Messag
     std::vector<char> buffer(kReceiveBufferSize);
     const unsigned portid = mnl_socket_get_portid(socket);
     for (;;) {
-        const ssize_t n = mnl_socket_recvfrom(socket, buffer.data(), buffer.size());
+        const long n = receiveFromKernel(mnl_socket_get_fd(socket), buffer.data(), buffer.size(), 0);
+        if (n == -EINTR) {
+            continue;
+        }
         if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return -errno;
+            return static_cast<int>(n);
         }
-        const int ret = mnl_cb_run(buffer.data(), static_cast<std::size_t>(n), seq, portid, forwardMessage,
-                                   const_cast<MessageHandler*>(&handler));
-        if (ret == MNL_CB_STOP) {
-            return 0;
-        }
-        if (ret < 0) {
-            return errno != 0 ? -errno : -EPROTO;
+        const int ret = dumpReply(buffer.data(), static_cast<std::size_t>(n), seq, portid, handler);
+        if (ret <= 0) {
+            return ret;
         }
     }
 }

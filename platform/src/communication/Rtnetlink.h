@@ -33,6 +33,29 @@ std::string prefixToMask(unsigned prefixLength);
 
 using MessageHandler = std::function<void(const nlmsghdr*)>;
 
+// Hands the messages of one datagram to handler, in order, until it returns
+// false. The walk ends at a message whose length field is shorter than a
+// header or longer than what is left of the datagram; true when it reached the
+// datagram's end (or the handler stopped it) without meeting one. libmnl's
+// own walk reads a length field of 2^31 or more as negative, lets it pass and
+// then steps by it: a crafted datagram would keep a reader on one message
+// forever or send it far outside the datagram.
+bool forEachMessage(const void* datagram, std::size_t size, const std::function<bool(const nlmsghdr*)>& handler);
+
+// One datagram of the answer to a dump request of sequence seq on the socket
+// with port id portid: hands every data message to handler. 1 when more
+// datagrams follow, 0 when the dump is done (NLMSG_DONE or an acknowledgement),
+// or a negative errno: the kernel's error, -EINTR when the kernel marks the
+// dump as interrupted, -EPROTO or -ESRCH for a message of another request,
+// -EBADMSG for a malformed message.
+int dumpReply(const void* datagram, std::size_t size, std::uint32_t seq, unsigned portid,
+              const MessageHandler& handler);
+
+// Reads one datagram from the kernel into buffer: its size, or a negative
+// errno (-ENOSPC when it did not fit). Datagrams that another process sent to
+// the socket are dropped unread: only the kernel speaks for the links.
+long receiveFromKernel(int fd, void* buffer, std::size_t size, int flags);
+
 // Sends a dump request (RTM_GETLINK or RTM_GETADDR) on a blocking socket and
 // hands every answer to handler until the dump is done. 0 or a negative errno
 // (-EINTR when the kernel's tables changed during the dump).

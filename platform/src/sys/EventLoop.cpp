@@ -48,9 +48,6 @@ private:
 struct EventLoop::Impl
 {
     int epollFd = -1;
-    int wakeFd = -1;
-    // Lock-free, so that stop() may set it from a signal handler.
-    std::atomic<bool> stopRequested{false};
     // The thread inside execute(); a default id while none is.
     std::atomic<std::thread::id> loopThread{};
     std::mutex postedMutex;  // guards posted
@@ -62,25 +59,10 @@ struct EventLoop::Impl
     // the std::function that is running.
     std::map<std::uint64_t, std::shared_ptr<FdCallback>> bySerial;
 
-    void drainWakeFd() const
-    {
-        std::uint64_t count = 0;
-        while (::read(wakeFd, &count, sizeof count) == static_cast<ssize_t>(sizeof count)) {
-        }
-    }
-
-    void wake() const
-    {
-        const std::uint64_t one = 1;
-        const int savedErrno = errno;
-        [[maybe_unused]] const ssize_t written = ::write(wakeFd, &one, sizeof one);
-        errno = savedErrno;
-    }
-
     // Runs the functions posted so far, one at a time without the lock (they
     // may post more; those wait for the next round). A stop() from one of them
     // puts the rest back at the front, for the next execute().
-    void runPosted()
+    void runPosted(const std::atomic<bool>& stopRequested)
     {
         std::deque<std::function<void()>> batch;
         {
@@ -102,24 +84,50 @@ struct EventLoop::Impl
     }
 };
 
+// Lock-free, so that stop() may use them from a signal handler.
 static_assert(std::atomic<bool>::is_always_lock_free, "stop() must be async-signal-safe");
+static_assert(std::atomic<int>::is_always_lock_free, "stop() must be async-signal-safe");
+
+namespace {
+void drainWakeFd(int wakeFd)
+{
+    std::uint64_t count = 0;
+    while (::read(wakeFd, &count, sizeof count) == static_cast<ssize_t>(sizeof count)) {
+    }
+}
+}  // namespace
+
+void EventLoop::wake()
+{
+    // Only async-signal-safe operations: an atomic load and write(2).
+    const int wakeFd = m_wakeFd.load();
+    if (wakeFd < 0) {
+        return;
+    }
+    const std::uint64_t one = 1;
+    const int savedErrno = errno;
+    [[maybe_unused]] const ssize_t written = ::write(wakeFd, &one, sizeof one);
+    errno = savedErrno;
+}
 
 EventLoop::EventLoop() : m_impl(std::make_unique<Impl>())
 {
     m_impl->epollFd = ::epoll_create1(EPOLL_CLOEXEC);
-    m_impl->wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (m_impl->epollFd >= 0 && m_impl->wakeFd >= 0) {
+    const int wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    m_wakeFd.store(wakeFd);
+    if (m_impl->epollFd >= 0 && wakeFd >= 0) {
         epoll_event ev{};
         ev.events = EPOLLIN;
         ev.data.u64 = kWakeSerial;
-        ::epoll_ctl(m_impl->epollFd, EPOLL_CTL_ADD, m_impl->wakeFd, &ev);
+        ::epoll_ctl(m_impl->epollFd, EPOLL_CTL_ADD, wakeFd, &ev);
     }
 }
 
 EventLoop::~EventLoop()
 {
-    if (m_impl->wakeFd >= 0) {
-        ::close(m_impl->wakeFd);
+    const int wakeFd = m_wakeFd.exchange(-1);
+    if (wakeFd >= 0) {
+        ::close(wakeFd);
     }
     if (m_impl->epollFd >= 0) {
         ::close(m_impl->epollFd);
@@ -129,19 +137,20 @@ EventLoop::~EventLoop()
 int EventLoop::execute()
 {
     Impl& impl = *m_impl;
-    if (impl.epollFd < 0 || impl.wakeFd < 0) {
+    const int wakeFd = m_wakeFd.load();
+    if (impl.epollFd < 0 || wakeFd < 0) {
         return -EBADF;
     }
     const LoopThreadMark mark(impl.loopThread);
     epoll_event events[kMaxEventsPerRound];
     for (;;) {
-        if (impl.stopRequested.exchange(false)) {
-            impl.drainWakeFd();
+        if (m_stopRequested.exchange(false)) {
+            drainWakeFd(wakeFd);
             return 0;
         }
-        impl.runPosted();
-        if (impl.stopRequested.exchange(false)) {
-            impl.drainWakeFd();
+        impl.runPosted(m_stopRequested);
+        if (m_stopRequested.exchange(false)) {
+            drainWakeFd(wakeFd);
             return 0;
         }
         const int n = ::epoll_wait(impl.epollFd, events, kMaxEventsPerRound, -1);
@@ -154,13 +163,13 @@ int EventLoop::execute()
             return -errno;
         }
         for (int i = 0; i < n; ++i) {
-            if (impl.stopRequested.load()) {
+            if (m_stopRequested.load()) {
                 break;
             }
             const std::uint64_t serial = events[i].data.u64;
             if (serial == kWakeSerial) {
                 // Drained before the queue is taken at the top of the loop.
-                impl.drainWakeFd();
+                drainWakeFd(wakeFd);
                 continue;
             }
             const auto it = impl.bySerial.find(serial);
@@ -175,9 +184,8 @@ int EventLoop::execute()
 
 void EventLoop::stop()
 {
-    // Only async-signal-safe operations: an atomic store and write(2).
-    m_impl->stopRequested.store(true);
-    m_impl->wake();
+    m_stopRequested.store(true);
+    wake();
 }
 
 void EventLoop::post(std::function<void()> fn)
@@ -186,7 +194,7 @@ void EventLoop::post(std::function<void()> fn)
         std::lock_guard<std::mutex> lock(m_impl->postedMutex);
         m_impl->posted.push_back(std::move(fn));
     }
-    m_impl->wake();
+    wake();
 }
 
 bool EventLoop::isInLoopThread() const

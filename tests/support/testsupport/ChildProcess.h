@@ -35,6 +35,10 @@ public:
     int signalAndWait(int sig, std::chrono::milliseconds timeout = std::chrono::seconds(10));
     // Waits for the exit (status as above, -1 on timeout).
     int wait(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    // Waits until the program catches sig with a handler of its own, that is
+    // until it has come far enough in its start to react to sig as it means
+    // to; false on timeout or exit.
+    bool waitForHandler(int sig, std::chrono::milliseconds timeout = std::chrono::seconds(10));
     bool running();
 
 private:

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -11,7 +12,9 @@ namespace orv::sys {
 //
 // stop() is async-signal-safe (it only writes to an eventfd), so a signal
 // handler may call it, and so may any callback. A stop() that comes before
-// execute() makes the next execute() return at once.
+// execute() makes the next execute() return at once. A loop with static
+// storage may even be stopped after its destruction, as a handler that stays
+// installed can do while the process exits: that stop() does nothing.
 //
 // Callbacks may add and remove registrations, their own included, while the
 // loop dispatches; a registration removed during a dispatch round receives no
@@ -67,6 +70,14 @@ public:
 private:
     struct Impl;
     std::unique_ptr<Impl> m_impl;
+    // Wakes execute() from epoll_wait: async-signal-safe, for stop().
+    void wake();
+
+    // What stop() touches lives here rather than in Impl, which the
+    // destructor frees: the destructor only sets the fd to -1 (before it
+    // closes it, so that a late stop() cannot write to a reused number).
+    std::atomic<int> m_wakeFd{-1};
+    std::atomic<bool> m_stopRequested{false};
 };
 
 }  // namespace orv::sys
