@@ -10,7 +10,10 @@
 // whose root is such a throw-away root, with a network of its own.
 //
 // TSD_PREBUILT_DEBS=DIR skips the build and takes the packages (and the
-// .changes) from DIR, for repeated runs while working on the tests.
+// .changes) from DIR: ctest builds them once, as a test of its own
+// (packaging_DebianPackages_build), for this program's two entries, the
+// booted module and the rest. Run by hand without it, the program builds
+// them itself.
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <sched.h>
