@@ -729,6 +729,19 @@ TEST_F(DebianPackages, ABootedModuleRunsThePackagesUnderTheServiceManager)
     EXPECT_EQ(module.property("tsd-ptp4l.service", "MainPID"), ptp4l);
     EXPECT_EQ(module.property("tsd-ptp4l.service", "ActiveState"), "active");
 
+    // A restart of tsd runs "ptp4ladm.sh stop" first, inside the same
+    // sandbox: its systemctl stop ends the serving ptp4l (the script fails
+    // when it cannot), and the new election starts another one.
+    ASSERT_EQ(module.run("systemctl restart tsd.service").status, 0);
+    Output restarted = module.until("systemctl is-active --quiet tsd.service tsd-ptp4l.service && "
+                                    "[ \"$(systemctl show --value -p MainPID tsd-ptp4l.service)\" != " + ptp4l + " ]",
+                                    30s);
+    ASSERT_EQ(restarted.status, 0) << module.run("journalctl -b --no-pager -u tsd -u tsd-ptp4l | tail -n 30").text;
+    EXPECT_NE(module.run("[ -d /proc/" + ptp4l + " ]").status, 0) << "the first ptp4l still runs";
+    const std::string pre = module.property("tsd.service", "ExecStartPre");
+    EXPECT_NE(pre.find("argv[]=/bin/ptp4ladm.sh stop ;"), std::string::npos) << pre;
+    EXPECT_NE(pre.find("code=exited ; status=0 }"), std::string::npos) << pre;
+
     // The broker stopped: the socket keeps the port, and the next peer that
     // connects starts a new broker, where tsd's states are back.
     const std::string velad = module.property("velad.service", "MainPID");
