@@ -1,13 +1,15 @@
 // The manual pages in man/: each renders without a single warning in every
 // formatter the machine has (groff always; man-db and mandoc when present),
 // each names the section of its suffix, and every program and configuration
-// file the packages ship has its page.
+// file the binary packages ship (debian/*.install) comes with its page in
+// the same package.
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 #include <string>
@@ -22,6 +24,7 @@ using testsupport::PrivateMounts;
 namespace {
 
 const std::string kManDir = std::string(TSD_SOURCE_DIR) + "/man";
+const std::string kDebianDir = std::string(TSD_SOURCE_DIR) + "/debian";
 
 struct Output
 {
@@ -128,12 +131,139 @@ TEST(ManPages, EachPageNamesTheSectionOfItsSuffix)
     }
 }
 
+namespace {
+
+// Package name -> the paths its debian/NAME.install lists (relative to /).
+using PackageLists = std::map<std::string, std::vector<std::string>>;
+
+PackageLists installLists(const std::string& debianDir)
+{
+    PackageLists lists;
+    if (DIR* d = ::opendir(debianDir.c_str())) {
+        while (const dirent* entry = ::readdir(d)) {
+            const std::string name = entry->d_name;
+            const std::string suffix = ".install";
+            if (name.size() <= suffix.size() || name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0) {
+                continue;
+            }
+            std::istringstream lines(PrivateMounts::readFile(debianDir + "/" + name));
+            std::string line;
+            std::vector<std::string>& paths = lists[name.substr(0, name.size() - suffix.size())];
+            while (std::getline(lines, line)) {
+                std::istringstream words(line);
+                std::string path;
+                if (words >> path && path[0] != '#') {
+                    paths.push_back(path);
+                }
+            }
+        }
+        ::closedir(d);
+    }
+    return lists;
+}
+
+bool startsWith(const std::string& s, const std::string& prefix)
+{
+    return s.compare(0, prefix.size(), prefix) == 0;
+}
+
+// The text of a page's SYNOPSIS section with roff's escaped hyphens plain.
+std::string synopsisOf(const std::string& page)
+{
+    const std::string text = PrivateMounts::readFile(page);
+    const auto start = text.find("\n.SH SYNOPSIS\n");
+    if (start == std::string::npos) {
+        return {};
+    }
+    // Up to and with the line feed before the next section.
+    std::string synopsis = text.substr(start, text.find("\n.SH ", start + 1) + 1 - start);
+    for (std::string::size_type at; (at = synopsis.find("\\-")) != std::string::npos;) {
+        synopsis.erase(at, 1);
+    }
+    return synopsis;
+}
+
+// What is shipped without its page: a program (in a bin or sbin directory)
+// whose package holds no NAME.1 or NAME.8, a file under /etc whose package
+// holds no section-5 page naming it in its SYNOPSIS, and a page of man/ that
+// no package ships. One line each; empty when everything has its page.
+std::string missingPages(const PackageLists& lists, const std::string& manDir)
+{
+    std::string missing;
+    std::set<std::string> shipped;
+    for (const auto& [package, paths] : lists) {
+        std::vector<std::string> pages;
+        for (const std::string& path : paths) {
+            if (startsWith(path, "usr/share/man/man")) {
+                const std::string page = path.substr(path.rfind('/') + 1);
+                pages.push_back(page);
+                shipped.insert(page);
+            }
+        }
+        const auto ships = [&](const std::string& page) {
+            return std::find(pages.begin(), pages.end(), page) != pages.end() &&
+                   ::access((manDir + "/" + page).c_str(), R_OK) == 0;
+        };
+        for (const std::string& path : paths) {
+            const std::string name = path.substr(path.rfind('/') + 1);
+            if (startsWith(path, "bin/") || startsWith(path, "sbin/") || startsWith(path, "usr/bin/") ||
+                startsWith(path, "usr/sbin/")) {
+                if (!ships(name + ".1") && !ships(name + ".8")) {
+                    missing += package + ": /" + path + " has no page " + name + ".1 or " + name + ".8\n";
+                }
+            } else if (startsWith(path, "etc/")) {
+                const bool named = std::any_of(pages.begin(), pages.end(), [&](const std::string& page) {
+                    return page.back() == '5' && ships(page) &&
+                           synopsisOf(manDir + "/" + page).find("/" + path + "\n") != std::string::npos;
+                });
+                if (!named) {
+                    missing += package + ": /" + path + " is named by no section-5 page of the package\n";
+                }
+            }
+        }
+    }
+    for (const std::string& page : pagesIn(manDir)) {
+        if (shipped.count(page) == 0) {
+            missing += page + " is shipped by no package\n";
+        }
+    }
+    return missing;
+}
+
+}  // namespace
+
 TEST(ManPages, EveryShippedProgramAndConfigurationFileHasItsPage)
 {
-    const std::vector<std::string> pages = pagesIn(kManDir);
-    const std::set<std::string> present(pages.begin(), pages.end());
-    for (const char* page :
-         {"tsd.8", "tsdctl.1", "tsdsim.1", "TimeSourceDaemonConfig.xml.5", "tsd-defaults.5"}) {
-        EXPECT_EQ(present.count(page), 1u) << page;
+    const PackageLists lists = installLists(kDebianDir);
+    ASSERT_GE(lists.size(), 7u);
+    EXPECT_EQ(missingPages(lists, kManDir), "");
+    // The programs an operator meets are among those checked.
+    std::set<std::string> programs;
+    for (const auto& entry : lists) {
+        for (const std::string& path : entry.second) {
+            if (path.find("bin/") != std::string::npos) {
+                programs.insert(path.substr(path.rfind('/') + 1));
+            }
+        }
     }
+    for (const char* program : {"tsd", "velad", "vela", "tsdsim", "fwdevd", "tsdparamd", "tsdctl", "tsdmon",
+                                "ptp4ladm.sh", "start_ntpd.sh", "stop_ntpd.sh"}) {
+        EXPECT_EQ(programs.count(program), 1u) << program;
+    }
+}
+
+TEST(ManPages, TheCoverageCheckCatchesWhatHasNoPage)
+{
+    PackageLists lists = installLists(kDebianDir);
+    ASSERT_EQ(missingPages(lists, kManDir), "");
+    lists["tsd"].push_back("usr/sbin/tsd-undocumented");
+    lists["velad"].push_back("etc/vela/undocumented.conf");
+    // A page that its program's package does not ship counts as missing.
+    auto& vela = lists["vela"];
+    vela.erase(std::remove(vela.begin(), vela.end(), "usr/share/man/man1/vela.1"), vela.end());
+    EXPECT_EQ(missingPages(lists, kManDir),
+              "tsd: /usr/sbin/tsd-undocumented has no page tsd-undocumented.1 or tsd-undocumented.8\n"
+              "vela: /usr/bin/vela has no page vela.1 or vela.8\n"
+              "velad: /etc/vela/undocumented.conf is named by no section-5 page of the package\n"
+              "vela.1 is shipped by no package\n");
 }

@@ -196,7 +196,9 @@ TEST(Install, PutsTheServicesBesideTsdInPlace)
               std::string::npos);
     EXPECT_EQ(readFile(root + "/etc/tsd/param.json"), readFile(kSource + "/packaging/config/param.json"));
     EXPECT_EQ(run("find " + root + " -path '*/share/tsd/ptp4l-options' -type f | grep -q ."), 0);
-    EXPECT_NE(readFile(root + "/usr/lib/sysusers.d/tsd.conf").find("u fwdevd "), std::string::npos);
+    EXPECT_NE(readFile(root + "/usr/lib/sysusers.d/tsd-services.conf").find("\nu fwdevd "), std::string::npos);
+    EXPECT_NE(readFile(root + "/usr/lib/sysusers.d/tsd-services.conf").find("\nu tsdparamd "), std::string::npos);
+    EXPECT_NE(readFile(root + "/usr/lib/sysusers.d/velad.conf").find("\nu velad "), std::string::npos);
 }
 
 // The daemon reads its configuration once per process; this is the only test
