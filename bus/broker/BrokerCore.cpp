@@ -22,7 +22,8 @@ constexpr std::size_t kMaxLoggedRefusals = 64;
 // so that it is forwarded exactly as its owner wrote it.
 std::string valueTextOf(const Json::Value& params, std::string_view payload)
 {
-    const Json::Value* v = params.find("value", "value" + 5);
+    constexpr std::string_view kKey = "value";
+    const Json::Value* v = params.find(kKey.data(), kKey.data() + kKey.size());
     if (!v) {
         return "null";
     }

@@ -26,6 +26,15 @@ int readScale()
 
 }  // namespace
 
+bool sanitizedBuild()
+{
+#ifdef TSD_TEST_SANITIZED
+    return true;
+#else
+    return false;
+#endif
+}
+
 int timeScale()
 {
     static const int scale = readScale();

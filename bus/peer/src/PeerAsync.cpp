@@ -762,7 +762,8 @@ struct PeerAsync::Impl
         }
         // The digest comes from the value's text as the broker forwarded it.
         std::uint64_t digest = 0;
-        if (const Json::Value* v = params.find("value", "value" + 5)) {
+        constexpr std::string_view kKey = "value";
+        if (const Json::Value* v = params.find(kKey.data(), kKey.data() + kKey.size())) {
             const auto start = static_cast<std::size_t>(v->getOffsetStart());
             const auto limit = static_cast<std::size_t>(v->getOffsetLimit());
             digest = limit > start && limit <= payload.size() ? digestOf(payload.substr(start, limit - start))

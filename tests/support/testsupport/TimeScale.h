@@ -16,6 +16,13 @@ namespace testsupport {
 // a machine that is slower still.
 int timeScale();
 
+// True in the build with the sanitizers. Its allocator keeps freed blocks in
+// a quarantine of up to 256 MiB and pads every block, so a process's RSS
+// there says nothing about the program's own memory use: tests that bound
+// the memory of a process check that bound in the plain build only (and
+// still print their figures in both).
+bool sanitizedBuild();
+
 template <typename Rep, typename Period>
 std::chrono::duration<Rep, Period> scaled(std::chrono::duration<Rep, Period> budget)
 {
