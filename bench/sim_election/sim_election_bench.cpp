@@ -643,12 +643,8 @@ ChainFigures measureChain(int n, bool trace)
     }
     log.start();
     world.updateReachable();
-    for (auto& m : world.modules()) {
-        if (!m->startVelad() || !m->startBusClients()) {
-            return f;
-        }
-        m->setParam(m->param());
-        m->waitPublished(5s);
+    if (!world.startPlatforms()) {
+        return f;
     }
     f.startup = since(t0);
 

@@ -26,7 +26,7 @@ void usage(std::ostream& out)
            "  --modules N    N modules on one bus (default 4) when no chain file is given\n"
            "  --for SECONDS  run time (default 15, or the chain file's duration)\n"
            "  --json         print the end summary as JSON on stdout (live view goes to stderr)\n"
-           "  --bin DIR      where velad, vela and tsd are (default: beside tsdsim)\n"
+           "  --bin DIR      where velad, vela, fwdevd, tsdparamd and tsd are (default: beside tsdsim)\n"
            "  --check        only read and check the chain file\n"
            "The chain-file format is described in docs/chain-files.md.\n"
            "Needs root: every module gets network and mount namespaces of its own.\n";
@@ -136,11 +136,16 @@ int main(int argc, char** argv)
         tsdsim::Scenario scenario(chain, options);
         try {
             scenario.build();
-            for (const char* prog : {"velad", "vela", "tsd"}) {
+            for (const char* prog : {"velad", "vela", "tsd", "fwdevd", "tsdparamd"}) {
                 std::string path = scenario.world().binDir() + "/" + prog;
                 if (!executable(path)) {
                     throw std::runtime_error("missing program " + path + " (build it, or give --bin DIR)");
                 }
+            }
+            const std::string allowList = scenario.world().dataDir() + "/ptp4l-options";
+            if (::access(allowList.c_str(), R_OK) != 0) {
+                throw std::runtime_error("missing " + allowList +
+                                         ", the ptp4l options tsdparamd lets through");
             }
         } catch (const std::exception& e) {
             std::cerr << "tsdsim: " << e.what() << "\n";
@@ -184,8 +189,7 @@ int main(int argc, char** argv)
         };
         bool ok = scenario.run(onTick, std::chrono::milliseconds(tty ? 500 : 1000), onEvent);
         if (!ok) {
-            std::cerr << "tsdsim: a module did not start; see the files under " << scenario.world().dir()
-                      << " while it runs\n";
+            std::cerr << "tsdsim: a module did not start: " << scenario.startError() << "\n";
             rc = kExitSetupFailed;
         }
         scenario.finish();

@@ -106,30 +106,22 @@ void Scenario::build()
     m_world->updateReachable();
 }
 
-void Scenario::note(const std::string& what, bool election)
+void Scenario::note(const std::string& what, bool election, const std::string& refused)
 {
-    m_happenings.push_back({now(), what, election});
+    m_happenings.push_back({now(), what, election, refused});
 }
 
 bool Scenario::run(const std::function<void()>& onTick, std::chrono::milliseconds tick,
                    const std::function<void(const std::string&)>& onEvent)
 {
     m_startOffset = m_world->now();
+    if (!m_world->startPlatforms(&m_startError)) {
+        return false;
+    }
     for (std::size_t i = 0; i < m_chain.modules.size(); ++i) {
-        const auto& e = m_chain.modules[i];
         Module& m = *m_world->modules()[i];
-        if (!m.startVelad() || !m.startBusClients()) {
-            return false;
-        }
-        if (e.setup.publishParam) {
-            m.setParam(e.setup.param);
-        }
-    }
-    for (auto& m : m_world->modules()) {
-        m->waitPublished(std::chrono::seconds(5));
-    }
-    for (std::size_t i = 0; i < m_chain.modules.size(); ++i) {
-        if (!m_world->modules()[i]->startTsd(m_chain.modules[i].tsdArgs)) {
+        if (!m.startTsd(m_chain.modules[i].tsdArgs)) {
+            m_startError = m.name() + ": " + m.startError();
             return false;
         }
     }
@@ -201,12 +193,22 @@ std::string Scenario::apply(const Chain::Event& event)
     } else if (a == "replug") {
         world.replug(m);
     } else if (a == "param") {
-        SyncParam p = m.param();
+        // The keys given, as an operator would send them; tsdparamd merges
+        // them into the module's value and checks the whole.
+        Json::Value request(Json::objectValue);
         for (std::size_t i = 2; i < w.size(); ++i) {
-            std::size_t eq = w[i].find('=');
-            applyParamKey(p, w[i].substr(0, eq), w[i].substr(eq + 1));
+            const std::size_t eq = w[i].find('=');
+            const std::string key = w[i].substr(0, eq);
+            SyncParam typed;
+            applyParamKey(typed, key, w[i].substr(eq + 1));
+            request[key] = typed.toJson()[key];
         }
-        m.setParam(p);
+        const Module::ParamAnswer answer = m.setParam(request);
+        if (!answer.accepted) {
+            // Nothing changed, so no election; the refusal stays on record.
+            note(event.text(), false, answer.message);
+            return "refused: " + answer.message;
+        }
     } else if (a == "kill-velad") {
         m.stopVelad(SIGKILL);
     } else if (a == "start-velad") {
@@ -322,7 +324,7 @@ std::string Scenario::table() const
         std::string last = "-";
         auto events = m.events();
         for (auto it = events.rbegin(); it != events.rend(); ++it) {
-            if (it->path != "sync/param") {
+            if (it->path.rfind("sync/", 0) == 0 && it->path != "sync/param") {
                 last = seconds(it->time - m_startOffset) + " " + it->path;
                 break;
             }
@@ -358,6 +360,9 @@ Json::Value Scenario::summary() const
         Json::Value e;
         e["time"] = h.time;
         e["event"] = h.what;
+        if (!h.refused.empty()) {
+            e["refused"] = h.refused;
+        }
         happenings.append(e);
     }
     s["timeline"] = happenings;
@@ -506,8 +511,11 @@ std::string Scenario::summaryText() const
 
     o << "What happened:\n";
     for (const auto& h : s["timeline"]) {
-        o << "  at " << std::setw(6) << seconds(h["time"].asDouble()) << ": " << h["event"].asString()
-          << "\n";
+        o << "  at " << std::setw(6) << seconds(h["time"].asDouble()) << ": " << h["event"].asString();
+        if (h.isMember("refused")) {
+            o << " (refused: " << h["refused"].asString() << ")";
+        }
+        o << "\n";
     }
     o << "\nElections (the modules agree on one sync master; the others take their time from it):\n";
     int n = 0;

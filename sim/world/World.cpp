@@ -55,6 +55,12 @@ World::World(const Options& options) : m_options(options)
         const char* env = std::getenv("TSDSIM_BIN_DIR");
         m_binDir = env && *env ? env : ownDirectory();
     }
+    m_dataDir = options.dataDir;
+    if (m_dataDir.empty()) {
+        m_dataDir = std::filesystem::exists(TSDSIM_SOURCE_DATA_DIR) ? TSDSIM_SOURCE_DATA_DIR
+                                                                    : TSDSIM_INSTALLED_DATA_DIR;
+    }
+
     m_io = std::make_unique<LoopThread>();
 }
 
@@ -159,35 +165,40 @@ World::UncutPorts World::uncutPorts() const
     for (const auto& m : m_modules) {
         for (Side side : {Side::Rear, Side::Front}) {
             if (Bus* bus = m->bus(side); bus && !bus->isCut(m->portId(side))) {
-                ports[bus].push_back({m.get(), nodeIdText(m->setup().nodeId(side))});
+                ports[bus].push_back({m.get(), m->setup().nodeId(side)});
             }
         }
     }
     return ports;
 }
 
-std::set<std::string> World::reachableFor(const Module& module, const UncutPorts& ports) const
+ModuleDevices::Remote World::remoteFor(const Module& module, const UncutPorts& ports) const
 {
-    std::set<std::string> paths;
+    ModuleDevices::Remote remote;
     for (Side side : {Side::Rear, Side::Front}) {
         Bus* bus = module.bus(side);
         const auto onBus = ports.find(bus);
         if (!bus || onBus == ports.end() || isCut(module, side)) {
             continue;
         }
-        const std::string prefix = std::string("reachableDevices/") + interfaceName(side) + "/";
         for (const auto& port : onBus->second) {
             if (port.module != &module) {
-                paths.insert(prefix + port.nodeId);
+                remote[side].insert(port.nodeId);
             }
         }
     }
-    return paths;
+    return remote;
 }
 
 std::set<std::string> World::reachableFor(const Module& module) const
 {
-    return reachableFor(module, uncutPorts());
+    std::set<std::string> paths;
+    for (const auto& [side, nodes] : remoteFor(module, uncutPorts())) {
+        for (std::uint64_t node : nodes) {
+            paths.insert(reachablePath(side, node));
+        }
+    }
+    return paths;
 }
 
 void World::updateReachable()
@@ -196,14 +207,45 @@ void World::updateReachable()
     // cabling change would otherwise reach the last module's daemon late.
     const UncutPorts ports = uncutPorts();
     for (auto& m : m_modules) {
-        m->setReachable(reachableFor(*m, ports));
+        m->setReachable(remoteFor(*m, ports));
     }
+}
+
+bool World::startPlatforms(std::string* error)
+{
+    // Each step in every module before the next: the programs start and get
+    // ready side by side, not one module after the other.
+    const auto failed = [&](const Module& m) {
+        if (error) {
+            *error = m.name() + ": " + m.startError();
+        }
+        return false;
+    };
+    for (auto& m : m_modules) {
+        if (!m->launchVelad()) {
+            return failed(*m);
+        }
+    }
+    for (auto& m : m_modules) {
+        if (!m->startVelad() || !m->launchPlatform()) {
+            return failed(*m);
+        }
+    }
+    for (auto& m : m_modules) {
+        if (!m->awaitPlatform()) {
+            return failed(*m);
+        }
+    }
+    return true;
 }
 
 bool World::startAll(const std::vector<std::string>& tsdArgs)
 {
+    if (!startPlatforms()) {
+        return false;
+    }
     for (auto& m : m_modules) {
-        if (!m->start(tsdArgs)) {
+        if (!m->startTsd(tsdArgs)) {
             return false;
         }
     }

@@ -34,7 +34,8 @@ public:
     void build();
     // Starts the modules and plays the timeline until the chain's duration has
     // passed or World::stopRequested(); onTick runs every tick meanwhile and
-    // onEvent after each timeline event. False when a module could not start.
+    // onEvent after each timeline event. False when a module could not start
+    // (startError() says which and why).
     bool run(const std::function<void()>& onTick, std::chrono::milliseconds tick,
              const std::function<void(const std::string&)>& onEvent = {});
     // Applies one timeline event now. Returns an error text, empty when done.
@@ -48,6 +49,7 @@ public:
     // Seconds since the modules were started (0 before).
     double now() const;
     bool interrupted() const { return m_interrupted; }
+    const std::string& startError() const { return m_startError; }
 
     // The live table, one line per module, with a header line.
     std::string table() const;
@@ -61,6 +63,7 @@ private:
         double time;
         std::string what;
         bool election;
+        std::string refused;  // a parameter change tsdparamd refused: why
     };
     struct Election
     {
@@ -68,7 +71,7 @@ private:
         std::string trigger;
     };
 
-    void note(const std::string& what, bool election);
+    void note(const std::string& what, bool election, const std::string& refused = {});
     std::string service(const Module& m) const;
     std::vector<Election> elections() const;
 
@@ -89,6 +92,7 @@ private:
     std::vector<Happening> m_happenings;
     std::map<std::string, int> m_tsdExit;
     bool m_interrupted = false;
+    std::string m_startError;
     bool m_finished = false;
 };
 

@@ -36,15 +36,15 @@ namespace tsdsim {
 //   tsdsim::Module& ma = world.addModule(a);
 //   world.plug(ma, tsdsim::Side::Rear, bus);   // firewire0 of "a" on the bus
 //   ...                                        // more modules
-//   world.startAll({"-d"});                    // velad, publisher, watcher,
-//                                              // "sync/param", then tsd -d
+//   world.startAll({"-d"});                    // velad, watcher, fwdevd,
+//                                              // tsdparamd, then tsd -d
 //   bool ok = world.waitFor([&] { return ma.state("sync/master") == "0A7C31000102"; },
 //                           std::chrono::seconds(20));
 //   world.setCut(ma, tsdsim::Side::Rear, true); // unplug the cable
 //   int status = ma.stopTsd(SIGTERM);          // wait status of the daemon
 //
-// Finer steps for daemon tests: Module::startVelad(), startBusClients(),
-// setParam(), startTsd(args); observe with Module::state()/states()/events()
+// Finer steps for daemon tests: Module::startVelad(), startPlatform(),
+// startTsd(args), setParam(); observe with Module::state()/states()/events()
 // (what the daemon published), syslog() (with priorities), scriptCalls() (the
 // time-service scripts), runFile("timesync/ptp4l.cfg"), output("tsd"); reach
 // in with Module::run() (a command inside the module), openSocket() or
@@ -52,9 +52,10 @@ namespace tsdsim {
 // setDuplicate(), setDelay() impair a bus. All of it needs root.
 //
 // Reachable devices follow the cabling: after every plug, cut or unplug the
-// world republishes, on each module's bus, one state
-// "reachableDevices/<interface>/<node id>" per other uncut port on the buses
-// of the module's uncut ports.
+// world rewrites each module's FireWire devices (ModuleDevices: one remote
+// node per other uncut port on the buses of the module's uncut ports) and
+// has its fwdevd look again, which then publishes one state
+// "reachableDevices/<interface>/<node id>" per remote node.
 //
 // Threads: make the World and call it from one thread, and keep that thread
 // alive as long as the World (children die with the thread that forked
@@ -69,6 +70,10 @@ public:
         std::string binDir;
         // Base of the world's directory; empty: /tmp.
         std::string baseDir;
+        // Where the shipped lists are (ptp4l-options, the ptp4l options
+        // tsdparamd lets through); empty: the source tree's packaging/config
+        // when it exists, else the installed one.
+        std::string dataDir;
     };
 
     World();
@@ -81,6 +86,7 @@ public:
     const std::string& prefix() const { return m_prefix; }
     const std::string& dir() const { return m_dir; }
     const std::string& binDir() const { return m_binDir; }
+    const std::string& dataDir() const { return m_dataDir; }
     LoopThread& io() { return *m_io; }
     // The time base of every record: seconds since the world began.
     const SimClock& clock() const { return m_clock; }
@@ -104,16 +110,20 @@ public:
     void unplug(Module& module);
     void replug(Module& module);
 
-    // Recomputes and republishes every module's reachable devices.
+    // Recomputes every module's reachable devices, and has them published.
     void updateReachable();
     // The reachable-device paths a module should see with the present cabling.
     std::set<std::string> reachableFor(const Module& module) const;
 
-    // Starts every module (in order) / stops them (in reverse).
+    // Starts velad and what runs beside tsd (Module::startPlatform) in every
+    // module, all side by side; false with the module and the reason in
+    // error when one did not start.
+    bool startPlatforms(std::string* error = nullptr);
+    // Starts every module / stops them (in reverse).
     bool startAll(const std::vector<std::string>& tsdArgs = {});
     void stopAll();
 
-    // Keeps publishers and watchers alive across velad restarts.
+    // Keeps the programs beside tsd alive across velad restarts.
     void maintain();
     // Evaluates condition whenever a module recorded something new (a bus
     // event, a syslog line) and at least every 50 ms, calling maintain() in
@@ -132,17 +142,18 @@ private:
     struct UncutPort
     {
         const Module* module;
-        std::string nodeId;  // as in reachable-device paths
+        std::uint64_t nodeId;
     };
     using UncutPorts = std::map<const Bus*, std::vector<UncutPort>>;
 
     UncutPorts uncutPorts() const;
-    std::set<std::string> reachableFor(const Module& module, const UncutPorts& ports) const;
+    ModuleDevices::Remote remoteFor(const Module& module, const UncutPorts& ports) const;
 
     Options m_options;
     std::string m_prefix;
     std::string m_dir;
     std::string m_binDir;
+    std::string m_dataDir;
     SimClock m_clock;
     std::unique_ptr<LoopThread> m_io;
     std::vector<std::unique_ptr<Bus>> m_buses;
