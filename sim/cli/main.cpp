@@ -21,10 +21,12 @@ constexpr int kMaxModules = 64;
 
 void usage(std::ostream& out)
 {
-    out << "usage: tsdsim [--modules N] [--for SECONDS] [--json] [--bin DIR] [CHAIN-FILE]\n"
+    out << "usage: tsdsim [--modules N] [--for SECONDS] [--services MODE] [--json] [--bin DIR] [CHAIN-FILE]\n"
            "       tsdsim --version\n"
            "  --modules N    N modules on one bus (default 4) when no chain file is given\n"
            "  --for SECONDS  run time (default 15, or the chain file's duration)\n"
+           "  --services real  every module runs the real time-service scripts with ptp4l\n"
+           "                 and chronyd (default: recording stand-ins)\n"
            "  --json         print the end summary as JSON on stdout (live view goes to stderr)\n"
            "  --bin DIR      where velad, vela, fwdevd, tsdparamd and tsd are (default: beside tsdsim)\n"
            "  --check        only read and check the chain file\n"
@@ -46,7 +48,8 @@ int main(int argc, char** argv)
     bool json = false;
     bool checkOnly = false;
     std::string binDir;
-    static const option longOptions[] = {{"modules", required_argument, nullptr, 'n'},
+    std::string services;
+    static const option longOptions[] = {{"services", required_argument, nullptr, 's'},{"modules", required_argument, nullptr, 'n'},
                                          {"for", required_argument, nullptr, 'f'},
                                          {"json", no_argument, nullptr, 'j'},
                                          {"bin", required_argument, nullptr, 'b'},
@@ -55,7 +58,7 @@ int main(int argc, char** argv)
                                          {"version", no_argument, nullptr, 'V'},
                                          {nullptr, 0, nullptr, 0}};
     int opt;
-    while ((opt = ::getopt_long(argc, argv, "n:f:jb:ch", longOptions, nullptr)) != -1) {
+    while ((opt = ::getopt_long(argc, argv, "n:f:jb:chs:", longOptions, nullptr)) != -1) {
         char* end = nullptr;
         switch (opt) {
             case 'n':
@@ -77,6 +80,13 @@ int main(int argc, char** argv)
                 break;
             case 'b':
                 binDir = optarg;
+                break;
+            case 's':
+                services = optarg;
+                if (services != "real" && services != "recording") {
+                    std::cerr << "tsdsim: --services takes real or recording\n";
+                    return kExitSetupFailed;
+                }
                 break;
             case 'c':
                 checkOnly = true;
@@ -111,6 +121,9 @@ int main(int argc, char** argv)
         std::cerr << "tsdsim: " << (optind < argc ? std::string(argv[optind]) + ": " : "") << e.what()
                   << "\n";
         return kExitSetupFailed;
+    }
+    if (!services.empty()) {
+        chain.services = services == "real" ? tsdsim::Services::Real : tsdsim::Services::Recording;
     }
     if (checkOnly) {
         std::cout << "chain ok: " << chain.modules.size() << " module(s), " << chain.buses.size()

@@ -70,6 +70,11 @@ Module::Module(World& world, const ModuleSetup& setup, int index)
       m_param(setup.param),
       m_processes(m_sandbox)
 {
+    if (world.realServices()) {
+        m_timeServices = std::make_unique<ModuleTimeServices>(world.real(), m_files, m_sandbox, setup.uuid,
+                                                              setup.nodeId(Side::Rear));
+        m_scripts.passTo(world.real().scriptsDir, m_timeServices->defaultsFile());
+    }
     declarePrograms();
 }
 
@@ -186,6 +191,10 @@ bool Module::start(const std::vector<std::string>& tsdArgs)
 void Module::stop()
 {
     m_processes.stopAll();
+    if (m_timeServices) {
+        m_timeServices->kill();
+        m_servicesPrepared = false;
+    }
     // Whatever the watcher recorded belonged to that broker.
     m_observer.forgetStates();
 }
@@ -355,8 +364,35 @@ bool Module::waitPublished(std::chrono::milliseconds timeout)
     return m_world.waitFor([this] { return unpublished().empty(); }, timeout);
 }
 
+std::unique_ptr<ChildProcess> Module::launchServicePreparation()
+{
+    if (!m_timeServices) {
+        return nullptr;
+    }
+    auto preparation = std::make_unique<ChildProcess>();
+    // Both lines may fail (as "-" lines of the unit may): tsd starts anyway.
+    if (!preparation->start(m_sandbox.childOptions(
+            {"/bin/sh", "-c", "/bin/ptp4ladm.sh stop; /bin/stop_ntpd.sh"}, "preparation"))) {
+        return nullptr;
+    }
+    return preparation;
+}
+
+void Module::finishServicePreparation(ChildProcess* preparation)
+{
+    if (preparation) {
+        // Every script call ends within 5 s.
+        preparation->wait(std::chrono::milliseconds(11000));
+    }
+    m_servicesPrepared = true;
+}
+
 bool Module::startTsd(const std::vector<std::string>& args)
 {
+    if (m_timeServices && !m_servicesPrepared) {
+        finishServicePreparation(launchServicePreparation().get());
+    }
+    m_servicesPrepared = false;
     if (!m_processes.start("tsd", args)) {
         m_startError = "tsd: " + m_processes.error("tsd");
         return false;

@@ -71,7 +71,10 @@ std::string describeStatus(int status)
 
 }  // namespace
 
-Scenario::Scenario(const Chain& chain, const World::Options& options) : m_chain(chain), m_options(options) {}
+Scenario::Scenario(const Chain& chain, const World::Options& options) : m_chain(chain), m_options(options)
+{
+    m_options.services = chain.services;
+}
 
 Scenario::~Scenario()
 {
@@ -118,6 +121,7 @@ bool Scenario::run(const std::function<void()>& onTick, std::chrono::millisecond
     if (!m_world->startPlatforms(&m_startError)) {
         return false;
     }
+    m_world->prepareTimeServices();
     for (std::size_t i = 0; i < m_chain.modules.size(); ++i) {
         Module& m = *m_world->modules()[i];
         if (!m.startTsd(m_chain.modules[i].tsdArgs)) {
@@ -148,9 +152,12 @@ bool Scenario::run(const std::function<void()>& onTick, std::chrono::millisecond
         }
         m_world->maintain();
         auto t = std::chrono::steady_clock::now();
-        if (onTick && t - lastTick >= tick) {
+        if (t - lastTick >= tick) {
             lastTick = t;
-            onTick();
+            pollFollowed();
+            if (onTick) {
+                onTick();
+            }
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
@@ -281,11 +288,74 @@ std::string Scenario::service(const Module& m) const
     return running;
 }
 
+void Scenario::pollFollowed()
+{
+    if (!m_world->realServices()) {
+        return;
+    }
+    m_world->pollFollowed();
+    Following f;
+    f.time = now();
+    for (const auto& m : m_world->modules()) {
+        f.followed[m->name()] = followedName(*m);
+    }
+    m_following.push_back(std::move(f));
+}
+
+Json::Value Scenario::followedAt(const Json::Value& results, double from, double to) const
+{
+    // The module each module elected, by name, from the label it published.
+    std::map<std::string, std::string> elected;
+    for (const auto& name : results.getMemberNames()) {
+        const std::string label = results[name]["master"].asString();
+        for (const auto& m : m_world->modules()) {
+            if (m->setup().label() == label) {
+                elected[name] = m->name();
+            }
+        }
+        if (!elected.count(name)) {
+            return Json::Value();
+        }
+    }
+    if (elected.empty()) {
+        return Json::Value();
+    }
+    for (const auto& f : m_following) {
+        if (f.time < from || f.time >= to) {
+            continue;
+        }
+        bool all = true;
+        for (const auto& [name, master] : elected) {
+            const auto it = f.followed.find(name);
+            if (it == f.followed.end() || it->second != master) {
+                all = false;
+                break;
+            }
+        }
+        if (all) {
+            return f.time;
+        }
+    }
+    return Json::Value();
+}
+
+std::string Scenario::followedName(const Module& m) const
+{
+    const Module* master = m_world->followed(m);
+    return master ? master->name() : "";
+}
+
 std::string Scenario::table() const
 {
     std::ostringstream t;
     t << pad("MODULE", 8) << pad("UUID", 8) << pad("REAR", 16) << pad("FRONT", 16) << pad("THRESH", 7)
-      << pad("SERVICE", 8) << pad("ERRORS", 10) << pad("STATUS", 11) << "LAST CHANGE\n";
+      << pad("SERVICE", 8);
+    const bool real = m_world->realServices();
+    if (real) {
+        // Whose time the module's ptp4l takes.
+        t << pad("FOLLOWS", 9);
+    }
+    t << pad("ERRORS", 10) << pad("STATUS", 11) << "LAST CHANGE\n";
     for (const auto& mp : m_world->modules()) {
         Module& m = *mp;
         Json::Value app = m.state("sync/app");
@@ -334,7 +404,12 @@ std::string Scenario::table() const
         t << pad(m.name(), 8) << pad(hex6(m.setup().uuid), 8)
           << pad(side("mode_back", "master_uuid_back", Side::Rear), 16)
           << pad(side("mode_front", "master_uuid_front", Side::Front), 16) << pad(thr, 7)
-          << pad(service(m), 8) << pad(errors.empty() ? "-" : errors, 10) << pad(status, 11) << last << "\n";
+          << pad(service(m), 8);
+        if (real) {
+            const std::string followed = followedName(m);
+            t << pad(followed.empty() ? "-" : followed, 9);
+        }
+        t << pad(errors.empty() ? "-" : errors, 10) << pad(status, 11) << last << "\n";
     }
     return t.str();
 }
@@ -409,6 +484,10 @@ Json::Value Scenario::summary() const
         }
         j["scriptCalls"] = calls;
         j["service"] = service(m);
+        if (m_world->realServices()) {
+            const std::string followed = followedName(m);
+            j["followedMaster"] = followed.empty() ? Json::Value() : Json::Value(followed);
+        }
         auto ex = m_tsdExit.find(m.name());
         if (ex != m_tsdExit.end()) {
             j["tsdExit"] = ex->second >= 0 && WIFEXITED(ex->second) ? Json::Value(WEXITSTATUS(ex->second))
@@ -455,6 +534,9 @@ Json::Value Scenario::summary() const
         }
         e["results"] = results;
         e["master"] = masters.size() == 1 ? Json::Value(*masters.begin()) : Json::Value();
+        if (m_world->realServices()) {
+            e["followedAt"] = followedAt(results, from, to);
+        }
         elections.append(e);
     }
     s["elections"] = elections;

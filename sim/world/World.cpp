@@ -1,6 +1,8 @@
 #include "tsdsim/World.h"
 
+#include <linux/capability.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,6 +35,15 @@ std::string ownDirectory()
     return path.substr(0, path.rfind('/'));
 }
 
+// Collects ended time services on the loop, for as long as the loop runs.
+void reapEvery(LoopThread& io)
+{
+    io.after(std::chrono::milliseconds(250), [&io] {
+        reapServices();
+        reapEvery(io);
+    });
+}
+
 }  // namespace
 
 World::World() : World(Options{}) {}
@@ -62,6 +73,31 @@ World::World(const Options& options) : m_options(options)
     }
 
     m_io = std::make_unique<LoopThread>();
+
+    if (realServices()) {
+        m_real.scriptsDir = TSDSIM_SCRIPTS_DIR;
+        m_real.ptp4l = "/usr/sbin/ptp4l";
+        m_real.pmc = "/usr/sbin/pmc";
+        const char* privateRoot = std::getenv("TSD_PRIVATE_ROOT");
+        m_real.chronyd = std::string(privateRoot && *privateRoot ? privateRoot : TSDSIM_PRIVATE_ROOT) +
+                         "/usr/sbin/chronyd";
+        m_real.ptp4lTiming = options.ptp4lTiming;
+        for (const std::string& program : {m_real.scriptsDir + "/ptp4ladm.sh", m_real.ptp4l, m_real.pmc,
+                                           m_real.chronyd}) {
+            if (::access(program.c_str(), X_OK) != 0) {
+                throw std::runtime_error("tsdsim: real services need " + program);
+            }
+        }
+        // No simulated module may ever set this machine's clock: nothing
+        // started from here on can gain the right to, whatever it is asked.
+        if (::prctl(PR_CAPBSET_DROP, CAP_SYS_TIME, 0, 0, 0) != 0) {
+            throw std::runtime_error("tsdsim: cannot give up the right to set the clock");
+        }
+        // The scripts start ptp4l and chronyd in the background and leave
+        // them; they come back to the simulator, which collects them.
+        ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
+        reapEvery(*m_io);
+    }
 }
 
 World::~World()
@@ -105,7 +141,13 @@ Module& World::addModule(const ModuleSetup& setup)
     if (m_modules.size() >= 250) {
         throw std::runtime_error("tsdsim: too many modules");
     }
-    m_modules.push_back(std::make_unique<Module>(*this, setup, static_cast<int>(m_modules.size()) + 1));
+    ModuleSetup own = setup;
+    // The shipped serving options need hardware time stamps, which the
+    // simulated links do not have.
+    if (realServices() && own.param.ptp4l == SyncParam{}.ptp4l) {
+        own.param.ptp4l = m_real.serverOptions();
+    }
+    m_modules.push_back(std::make_unique<Module>(*this, own, static_cast<int>(m_modules.size()) + 1));
     return *m_modules.back();
 }
 
@@ -244,12 +286,58 @@ bool World::startAll(const std::vector<std::string>& tsdArgs)
     if (!startPlatforms()) {
         return false;
     }
+    prepareTimeServices();
     for (auto& m : m_modules) {
         if (!m->startTsd(tsdArgs)) {
             return false;
         }
     }
     return true;
+}
+
+void World::prepareTimeServices()
+{
+    if (!realServices()) {
+        return;
+    }
+    std::vector<std::unique_ptr<ChildProcess>> running;
+    for (auto& m : m_modules) {
+        running.push_back(m->launchServicePreparation());
+    }
+    for (std::size_t i = 0; i < running.size(); ++i) {
+        m_modules[i]->finishServicePreparation(running[i].get());
+    }
+}
+
+void World::pollFollowed()
+{
+    if (!realServices()) {
+        return;
+    }
+    std::vector<std::unique_ptr<ChildProcess>> queries;
+    for (auto& m : m_modules) {
+        queries.push_back(m->timeServices()->startQuery());
+    }
+    for (std::size_t i = 0; i < queries.size(); ++i) {
+        m_modules[i]->setPtp(queries[i] ? ModuleTimeServices::read(*queries[i]) : PtpView{});
+    }
+}
+
+const Module* World::followed(const Module& module) const
+{
+    const PtpView& view = module.ptp();
+    if (view.serves()) {
+        return &module;
+    }
+    if (!view.follows()) {
+        return nullptr;
+    }
+    for (const auto& m : m_modules) {
+        if (m->timeServices() && m->timeServices()->clockIdentity() == view.grandmaster) {
+            return m.get();
+        }
+    }
+    return nullptr;
 }
 
 void World::stopAll()

@@ -220,3 +220,13 @@ TEST(Chain, TheFormatReferenceAndTheReaderAgree)
     EXPECT_EQ(events, 14);
     EXPECT_EQ(keys, 12);
 }
+
+TEST(Chain, ServicesAreRecordingUnlessTheFileAsksForRealOnes)
+{
+    EXPECT_EQ(parseChain("bus b\nmodule m uuid=1 rear=b\n").services, tsdsim::Services::Recording);
+    EXPECT_EQ(parseChain("services real\nbus b\nmodule m uuid=1 rear=b\n").services, tsdsim::Services::Real);
+    EXPECT_EQ(parseChain("services recording\nbus b\nmodule m uuid=1 rear=b\n").services,
+              tsdsim::Services::Recording);
+    EXPECT_EQ(errorLine("bus b\nservices fast\nmodule m uuid=1 rear=b\n"), 2);
+    EXPECT_NE(errorText("services\nbus b\nmodule m uuid=1 rear=b\n").find("real or recording"), std::string::npos);
+}

@@ -16,6 +16,7 @@
 #include "tsdsim/ModuleSandbox.h"
 #include "tsdsim/ModuleSetup.h"
 #include "tsdsim/ModuleSyslog.h"
+#include "tsdsim/ModuleTimeServices.h"
 #include "tsdsim/ScriptRecorder.h"
 
 namespace tsdsim {
@@ -154,6 +155,17 @@ public:
     std::string output(const std::string& program) const { return m_files.output(program); }
     // A file under the module's /run, e.g. "timesync/ptp4l.cfg"; empty when absent.
     std::string runFile(const std::string& relative) const { return m_files.runFile(relative); }
+    // Real services (World::realServices()): the module's ptp4l, pmc and
+    // the scripts' settings; nullptr with the recording stand-ins.
+    const ModuleTimeServices* timeServices() const { return m_timeServices.get(); }
+    // What its ptp4l did at the last World::pollFollowed().
+    const PtpView& ptp() const { return m_ptp; }
+    void setPtp(const PtpView& view) { m_ptp = view; }
+    // Real services: "ptp4ladm.sh stop" and "stop_ntpd.sh" inside the module,
+    // as tsd.service runs them before tsd. startTsd() does it itself unless
+    // done since tsd last ran; the world does it for all modules at once.
+    std::unique_ptr<ChildProcess> launchServicePreparation();
+    void finishServicePreparation(ChildProcess* preparation);
     // Exit status the recorder script gives from now on (0 by default).
     void setScriptStatus(const std::string& script, int status) { m_scripts.setStatus(script, status); }
 
@@ -205,6 +217,9 @@ private:
     BusObserver m_observer;
     SyncParam m_param;
     std::string m_startError;
+    std::unique_ptr<ModuleTimeServices> m_timeServices;
+    PtpView m_ptp;
+    bool m_servicesPrepared = false;
     ModuleProcesses m_processes;
     Port m_ports[2];
 };

@@ -72,6 +72,13 @@ private:
     };
 
     void note(const std::string& what, bool election, const std::string& refused = {});
+    // Real services: asks every ptp4l what it follows, and keeps it.
+    void pollFollowed();
+    // The name of the module whose time m follows, empty for none.
+    std::string followedName(const Module& m) const;
+    // The first look between from and to at which every module of an
+    // election's results followed the module it elected; null when none.
+    Json::Value followedAt(const Json::Value& results, double from, double to) const;
     std::string service(const Module& m) const;
     std::vector<Election> elections() const;
 
@@ -90,6 +97,13 @@ private:
     std::unique_ptr<World> m_world;
     double m_startOffset = -1;  // world time at which the modules were started
     std::vector<Happening> m_happenings;
+    // Real services: what every module followed at each look, by name.
+    struct Following
+    {
+        double time;
+        std::map<std::string, std::string> followed;
+    };
+    std::vector<Following> m_following;
     std::map<std::string, int> m_tsdExit;
     bool m_interrupted = false;
     std::string m_startError;

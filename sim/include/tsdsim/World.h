@@ -74,6 +74,12 @@ public:
         // tsdparamd lets through); empty: the source tree's packaging/config
         // when it exists, else the installed one.
         std::string dataDir;
+        // What answers the daemon's time-service scripts: recording
+        // stand-ins (fast, the default), or the reference scripts with real
+        // ptp4l and chronyd in every module (see ModuleTimeServices).
+        Services services = Services::Recording;
+        // Real services: the announce timing of every ptp4l.
+        std::string ptp4lTiming = RealServices::fastTiming();
     };
 
     World();
@@ -123,6 +129,20 @@ public:
     bool startAll(const std::vector<std::string>& tsdArgs = {});
     void stopAll();
 
+    // Real services: what the programs are, and whether the world runs them.
+    bool realServices() const { return m_options.services == Services::Real; }
+    const RealServices& real() const { return m_real; }
+    // Real services, before the daemons start: every module follows, and
+    // serves no NTP, as tsd.service's preparation makes it on a module (tsd
+    // starts believing it runs no time service). All modules side by side.
+    void prepareTimeServices();
+    // Asks every module's ptp4l (pmc, all side by side) what it follows and
+    // keeps the answer in the module (Module::ptp()).
+    void pollFollowed();
+    // The module whose ptp4l the module's ptp4l takes its time from, itself
+    // when it serves; nullptr when it follows none (or runs no real services).
+    const Module* followed(const Module& module) const;
+
     // Keeps the programs beside tsd alive across velad restarts.
     void maintain();
     // Evaluates condition whenever a module recorded something new (a bus
@@ -150,6 +170,7 @@ private:
     ModuleDevices::Remote remoteFor(const Module& module, const UncutPorts& ports) const;
 
     Options m_options;
+    RealServices m_real;
     std::string m_prefix;
     std::string m_dir;
     std::string m_binDir;
