@@ -630,7 +630,13 @@ std::string Scenario::summaryText() const
                 o << names << " chose " << who(bm.first);
             }
         }
-        o << " (settled within " << seconds(latest) << ").\n";
+        o << " (settled within " << seconds(latest) << ")";
+        if (e.isMember("followedAt")) {
+            o << (e["followedAt"].isNull()
+                      ? "; their ptp4l never all followed it"
+                      : "; every module's ptp4l followed it at " + seconds(e["followedAt"].asDouble()));
+        }
+        o << ".\n";
     }
     o << "\nAt the end:\n";
     // Right after the start each daemon knows no other module yet and serves
@@ -675,6 +681,12 @@ std::string Scenario::summaryText() const
         }
         std::string svc = m["service"].asString();
         o << (svc == "ptp" ? ", runs PTP" : svc == "ntp" ? ", runs NTP" : ", runs no time service");
+        if (m.isMember("followedMaster")) {
+            const auto& f = m["followedMaster"];
+            o << (f.isNull() ? ", its ptp4l follows no master"
+                  : f.asString() == name ? ", its ptp4l is the grandmaster"
+                                         : ", its ptp4l follows " + f.asString());
+        }
         if (!m["activeErrors"].empty()) {
             o << ", active errors:";
             for (const auto& e : m["activeErrors"]) {
