@@ -62,6 +62,14 @@ double untilFollowed(World& world, const std::vector<Module*>& group, const Modu
         }
         std::this_thread::sleep_for(20ms);
     }
+    // Say who held the agreement up, and what its ptp4l said.
+    for (const Module* m : group) {
+        const Module* f = world.followed(*m);
+        if (!f || f == gone || (master && f != master)) {
+            std::cerr << "  " << m->name() << ": follows " << (f ? f->name() : "none") << ", port state "
+                      << (m->ptp().answered ? m->ptp().portState : "(no answer from its ptp4l)") << "\n";
+        }
+    }
     return -1;
 }
 
