@@ -3,6 +3,10 @@
 # seconds: real, unmodified tsd and velad processes, one set per module, each
 # module in network and mount namespaces of its own, joined by a simulated
 # FireWire bus. Midway the master is unplugged and the chain elects a new one.
+# With linuxptp installed (install-deps does) and chronyd unpacked beside the
+# build, every module runs the real time services: ptp4l follows the elected
+# master, and time visibly follows the new one after the unplug. No simulated
+# module ever sets this machine's clock.
 # Run as root on Debian 12; missing packages are installed first.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")"
@@ -21,7 +25,12 @@ build_dir=${BUILD_DIR:-build}
 scripts/private-daemons "$build_dir/private"
 echo "demo.sh: building into $build_dir/ (the first time takes a few minutes)"
 cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE=Release -DTSD_WERROR=ON >/dev/null
-cmake --build "$build_dir" -j"$(nproc)" --target tsd velad vela tsdsim >/dev/null
+cmake --build "$build_dir" -j"$(nproc)" --target tsd velad vela fwdevd tsdparamd tsdsim >/dev/null
+
+services=recording
+if [ -x /usr/sbin/ptp4l ] && [ -x /usr/sbin/pmc ] && [ -x "$build_dir/private/root/usr/sbin/chronyd" ]; then
+  services=real
+fi
 
 cat <<'TEXT'
 
@@ -46,6 +55,19 @@ with one lane per module showing who was master when. Ctrl-C stops early and
 still cleans up.
 
 TEXT
+if [ "$services" = real ]; then
+  cat <<'TEXT'
+This run uses the real time services: every module runs ptp4l, as a
+follower until its daemon makes it the server.
+  FOLLOWS  the module whose clock this module's ptp4l follows (read with
+           pmc from the module's own ptp4l): first m4 everywhere, then m3
+The summary tells when every module followed each new master.
+
+TEXT
+  sleep 3
+  exec "$build_dir/bin/tsdsim" --services real --for 24 sim/chains/demo.chain
+fi
+echo "(linuxptp or the private chronyd is missing: the time services are recorded, not run)"
 sleep 3
 
 report="$(readlink -f "$build_dir")/demo-report.html"

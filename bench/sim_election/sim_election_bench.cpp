@@ -290,12 +290,8 @@ ChainFigures measureChain(int n, bool trace)
     }
     capture.start();
     world.updateReachable();
-    for (auto& m : world.modules()) {
-        if (!m->startVelad() || !m->startBusClients()) {
-            return f;
-        }
-        m->setParam(m->param());
-        m->waitPublished(5s);
+    if (!world.startPlatforms()) {
+        return f;
     }
     f.setup = since(t0);
 

@@ -396,7 +396,7 @@ private:
                             "; skipped");
                     continue;
                 }
-                const std::string path = kPathPrefix + iface->second + "/" + guid;
+                const std::string path = reachablePath(iface->second, node->guid);
                 const auto [seen, fresh] = seenBy.emplace(path, node->name);
                 if (!fresh) {
                     problem(node->name + ": guid " + guid + " is shown by " + seen->second +
@@ -410,6 +410,11 @@ private:
 };
 
 }  // namespace
+
+std::string reachablePath(const std::string& interface, std::uint64_t guid)
+{
+    return kPathPrefix + interface + "/" + guidText(guid);
+}
 
 ScanResult scanReachableDevices(const std::string& root)
 {

@@ -2,6 +2,8 @@
 
 #include <json/value.h>
 
+#include <cstdint>
+
 #include <map>
 #include <string>
 #include <vector>
@@ -27,6 +29,11 @@ struct ScanResult
     // Control bytes from sysfs arrive here escaped.
     std::vector<std::string> problems;
 };
+
+// The bus path of a remote node seen on interface: "reachableDevices/",
+// the interface, "/" and the guid as 16 upper-case hex digits. Whoever
+// predicts what fwdevd publishes (the simulator) builds paths with this too.
+std::string reachablePath(const std::string& interface, std::uint64_t guid);
 
 // Scans the sysfs mounted at root ("/sys" on a module, a tree of its own in
 // tests and the simulator). Reads files only; never throws for what it finds.

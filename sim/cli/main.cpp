@@ -23,15 +23,17 @@ constexpr int kMaxModules = 64;
 
 void usage(std::ostream& out)
 {
-    out << "usage: tsdsim [--modules N] [--for SECONDS] [--json] [--report FILE.html] [--pcap DIR]\n"
-           "              [--bin DIR] [CHAIN-FILE]\n"
+    out << "usage: tsdsim [--modules N] [--for SECONDS] [--services MODE] [--json] [--report FILE.html]\n"
+           "              [--pcap DIR] [--bin DIR] [CHAIN-FILE]\n"
            "       tsdsim --version\n"
            "  --modules N    N modules on one bus (default 4) when no chain file is given\n"
            "  --for SECONDS  run time (default 15, or the chain file's duration)\n"
+           "  --services real  every module runs the real time-service scripts with ptp4l\n"
+           "                 and chronyd (default: recording stand-ins)\n"
            "  --json         print the end summary as JSON on stdout (live view goes to stderr)\n"
            "  --report FILE  write a picture of the run (a self-contained HTML page) to FILE\n"
            "  --pcap DIR     write every bus's frames to DIR/BUS.pcap (DIR is made if missing)\n"
-           "  --bin DIR      where velad, vela and tsd are (default: beside tsdsim)\n"
+           "  --bin DIR      where velad, vela, fwdevd, tsdparamd and tsd are (default: beside tsdsim)\n"
            "  --check        only read and check the chain file\n"
            "The chain-file format is described in docs/chain-files.md.\n"
            "Needs root: every module gets network and mount namespaces of its own.\n";
@@ -70,9 +72,11 @@ int main(int argc, char** argv)
     bool json = false;
     bool checkOnly = false;
     std::string binDir;
+    std::string services;
     std::string reportFile;
     std::string pcapDir;
-    static const option longOptions[] = {{"modules", required_argument, nullptr, 'n'},
+    static const option longOptions[] = {{"services", required_argument, nullptr, 's'},
+                                         {"modules", required_argument, nullptr, 'n'},
                                          {"for", required_argument, nullptr, 'f'},
                                          {"json", no_argument, nullptr, 'j'},
                                          {"bin", required_argument, nullptr, 'b'},
@@ -83,7 +87,7 @@ int main(int argc, char** argv)
                                          {"version", no_argument, nullptr, 'V'},
                                          {nullptr, 0, nullptr, 0}};
     int opt;
-    while ((opt = ::getopt_long(argc, argv, "n:f:jb:ch", longOptions, nullptr)) != -1) {
+    while ((opt = ::getopt_long(argc, argv, "n:f:jb:chs:", longOptions, nullptr)) != -1) {
         char* end = nullptr;
         switch (opt) {
             case 'n':
@@ -105,6 +109,13 @@ int main(int argc, char** argv)
                 break;
             case 'b':
                 binDir = optarg;
+                break;
+            case 's':
+                services = optarg;
+                if (services != "real" && services != "recording") {
+                    std::cerr << "tsdsim: --services takes real or recording\n";
+                    return kExitSetupFailed;
+                }
                 break;
             case 'c':
                 checkOnly = true;
@@ -154,6 +165,9 @@ int main(int argc, char** argv)
                   << "\n";
         return kExitSetupFailed;
     }
+    if (!services.empty()) {
+        chain.services = services == "real" ? tsdsim::Services::Real : tsdsim::Services::Recording;
+    }
     if (checkOnly) {
         std::cout << "chain ok: " << chain.modules.size() << " module(s), " << chain.buses.size()
                   << " bus(es), " << chain.events.size() << " event(s), " << chain.duration << " s\n";
@@ -178,11 +192,16 @@ int main(int argc, char** argv)
         tsdsim::Scenario scenario(chain, options);
         try {
             scenario.build();
-            for (const char* prog : {"velad", "vela", "tsd"}) {
+            for (const char* prog : {"velad", "vela", "tsd", "fwdevd", "tsdparamd"}) {
                 std::string path = scenario.world().binDir() + "/" + prog;
                 if (!executable(path)) {
                     throw std::runtime_error("missing program " + path + " (build it, or give --bin DIR)");
                 }
+            }
+            const std::string allowList = scenario.world().dataDir() + "/ptp4l-options";
+            if (::access(allowList.c_str(), R_OK) != 0) {
+                throw std::runtime_error("missing " + allowList +
+                                         ", the ptp4l options tsdparamd lets through");
             }
         } catch (const std::exception& e) {
             std::cerr << "tsdsim: " << e.what() << "\n";
@@ -239,8 +258,7 @@ int main(int argc, char** argv)
         };
         bool ok = scenario.run(onTick, std::chrono::milliseconds(tty ? 500 : 1000), onEvent);
         if (!ok) {
-            std::cerr << "tsdsim: a module did not start; see the files under " << scenario.world().dir()
-                      << " while it runs\n";
+            std::cerr << "tsdsim: a module did not start: " << scenario.startError() << "\n";
             rc = kExitSetupFailed;
         }
         scenario.finish();

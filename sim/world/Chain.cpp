@@ -291,6 +291,11 @@ Chain parseChain(const std::string& text)
                 throw ChainError(lineNo, "duration must be between 0 and 86400 seconds");
             }
             durationSet = true;
+        } else if (kw == "services") {
+            if (w.size() != 2 || (w[1] != "real" && w[1] != "recording")) {
+                throw ChainError(lineNo, "services takes real or recording");
+            }
+            chain.services = w[1] == "real" ? Services::Real : Services::Recording;
         } else if (kw == "levels") {
             if (w.size() < 3 || (w[1] != "module" && w[1] != "source")) {
                 throw ChainError(lineNo, "levels module|source NAME=LEVEL ...");

@@ -136,7 +136,11 @@ bool ChildProcess::start(const Options& o)
         } else {
             ::dup2(outFile >= 0 ? outFile : devNull, 1);
         }
-        ::dup2(outFile >= 0 ? outFile : devNull, 2);
+        if (o.stderrToStdout) {
+            ::dup2(1, 2);
+        } else {
+            ::dup2(outFile >= 0 ? outFile : devNull, 2);
+        }
         ::execve(p.argv[0], p.argv.data(), p.env.data());
         childFail(errPipe[1], errno);
     }

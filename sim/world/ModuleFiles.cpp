@@ -1,5 +1,6 @@
 #include "tsdsim/ModuleFiles.h"
 
+#include <json/writer.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -23,6 +24,14 @@ void writeFile(const std::string& path, const std::string& content, mode_t mode 
     ::chmod(path.c_str(), mode);
 }
 
+// Indented, as an operator would write the file.
+std::string paramText(const Json::Value& value)
+{
+    Json::StreamWriterBuilder b;
+    b["indentation"] = "  ";
+    return Json::writeString(b, value) + "\n";
+}
+
 std::string readFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
@@ -43,12 +52,14 @@ void makeDir(const std::string& path)
 ModuleFiles::ModuleFiles(std::string dir, const ModuleSetup& setup) : m_dir(std::move(dir))
 {
     makeDir(m_dir);
-    for (const char* d : {"etc-up", "etc-work", "bin-up", "bin-work", "run", "realproc", "realdev",
-                          "device-tree", "device-tree/stratova", "ids", "status", "run/timesync"}) {
+    for (const char* d :
+         {"etc-up", "etc-work", "bin-up", "bin-work", "run", "realproc", "realdev", "device-tree",
+          "device-tree/stratova", "ids", "status", "run/timesync", "etc-up/tsd", "state"}) {
         makeDir(path(d));
     }
     writeFile(path("etc-up/TimeSourceDaemonConfig.xml"), setup.configFile());
     writeFile(path("TimeSourceDaemonConfig.xml"), setup.configFile());
+    writeFile(path("etc-up/tsd/param.json"), paramText(setup.param.toJson()));
     // The device tree ends its strings with a NUL byte.
     writeFile(path("device-tree/stratova/moduletype"), setup.type + std::string(1, '\0'));
 }

@@ -54,6 +54,11 @@ void ModuleProcesses::letGo(Entry& e)
 
 bool ModuleProcesses::start(const std::string& name, const std::vector<std::string>& extraArgs)
 {
+    return launch(name, extraArgs) && awaitReady(name);
+}
+
+bool ModuleProcesses::launch(const std::string& name, const std::vector<std::string>& extraArgs)
+{
     Entry& e = entry(name);
     if (e.process && e.process->running()) {
         return true;
@@ -73,8 +78,25 @@ bool ModuleProcesses::start(const std::string& name, const std::vector<std::stri
         return false;
     }
     e.wanted = true;
+    e.launched = std::chrono::steady_clock::now();
+    return true;
+}
+
+bool ModuleProcesses::awaitReady(const std::string& name)
+{
+    Entry& e = entry(name);
+    if (!e.process || !e.wanted) {
+        if (e.error.empty()) {
+            e.error = "not started";
+        }
+        return false;
+    }
+    if (e.attached) {
+        return true;
+    }
+    const Program& p = e.program;
     if (p.ready) {
-        const auto deadline = std::chrono::steady_clock::now() + p.readyTimeout;
+        const auto deadline = e.launched + p.readyTimeout;
         while (!p.ready()) {
             if (!e.process->running()) {
                 e.error = "ended before it was ready";
@@ -145,6 +167,11 @@ bool ModuleProcesses::running(const std::string& name)
 {
     Entry& e = entry(name);
     return e.process && e.process->running();
+}
+
+bool ModuleProcesses::ready(const std::string& name)
+{
+    return running(name) && entry(name).attached;
 }
 
 bool ModuleProcesses::wanted(const std::string& name) const

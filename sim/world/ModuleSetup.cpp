@@ -59,13 +59,6 @@ std::string ModuleSetup::configFile() const
     return x.str();
 }
 
-std::string nodeIdText(std::uint64_t nodeId)
-{
-    char buf[20];
-    std::snprintf(buf, sizeof buf, "%012llX", static_cast<unsigned long long>(nodeId & 0xFFFFFFFFFFFFull));
-    return buf;
-}
-
 std::string nodeIdAddress(std::uint64_t nodeId)
 {
     std::string out;

@@ -71,7 +71,10 @@ std::string describeStatus(int status)
 
 }  // namespace
 
-Scenario::Scenario(const Chain& chain, const World::Options& options) : m_chain(chain), m_options(options) {}
+Scenario::Scenario(const Chain& chain, const World::Options& options) : m_chain(chain), m_options(options)
+{
+    m_options.services = chain.services;
+}
 
 Scenario::~Scenario()
 {
@@ -106,30 +109,23 @@ void Scenario::build()
     m_world->updateReachable();
 }
 
-void Scenario::note(const std::string& what, bool election)
+void Scenario::note(const std::string& what, bool election, const std::string& refused)
 {
-    m_happenings.push_back({now(), what, election});
+    m_happenings.push_back({now(), what, election, refused});
 }
 
 bool Scenario::run(const std::function<void()>& onTick, std::chrono::milliseconds tick,
                    const std::function<void(const std::string&)>& onEvent)
 {
     m_startOffset = m_world->now();
+    if (!m_world->startPlatforms(&m_startError)) {
+        return false;
+    }
+    m_world->prepareTimeServices();
     for (std::size_t i = 0; i < m_chain.modules.size(); ++i) {
-        const auto& e = m_chain.modules[i];
         Module& m = *m_world->modules()[i];
-        if (!m.startVelad() || !m.startBusClients()) {
-            return false;
-        }
-        if (e.setup.publishParam) {
-            m.setParam(e.setup.param);
-        }
-    }
-    for (auto& m : m_world->modules()) {
-        m->waitPublished(std::chrono::seconds(5));
-    }
-    for (std::size_t i = 0; i < m_chain.modules.size(); ++i) {
-        if (!m_world->modules()[i]->startTsd(m_chain.modules[i].tsdArgs)) {
+        if (!m.startTsd(m_chain.modules[i].tsdArgs)) {
+            m_startError = m.name() + ": " + m.startError();
             return false;
         }
     }
@@ -156,9 +152,12 @@ bool Scenario::run(const std::function<void()>& onTick, std::chrono::millisecond
         }
         m_world->maintain();
         auto t = std::chrono::steady_clock::now();
-        if (onTick && t - lastTick >= tick) {
+        if (t - lastTick >= tick) {
             lastTick = t;
-            onTick();
+            pollFollowed();
+            if (onTick) {
+                onTick();
+            }
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
@@ -201,12 +200,22 @@ std::string Scenario::apply(const Chain::Event& event)
     } else if (a == "replug") {
         world.replug(m);
     } else if (a == "param") {
-        SyncParam p = m.param();
+        // The keys given, as an operator would send them; tsdparamd merges
+        // them into the module's value and checks the whole.
+        Json::Value request(Json::objectValue);
         for (std::size_t i = 2; i < w.size(); ++i) {
-            std::size_t eq = w[i].find('=');
-            applyParamKey(p, w[i].substr(0, eq), w[i].substr(eq + 1));
+            const std::size_t eq = w[i].find('=');
+            const std::string key = w[i].substr(0, eq);
+            SyncParam typed;
+            applyParamKey(typed, key, w[i].substr(eq + 1));
+            request[key] = typed.toJson()[key];
         }
-        m.setParam(p);
+        const Module::ParamAnswer answer = m.setParam(request);
+        if (!answer.accepted) {
+            // Nothing changed, so no election; the refusal stays on record.
+            note(event.text(), false, answer.message);
+            return "refused: " + answer.message;
+        }
     } else if (a == "kill-velad") {
         m.stopVelad(SIGKILL);
     } else if (a == "start-velad") {
@@ -286,11 +295,74 @@ RunTimeline Scenario::timeline() const
     return RunTimeline::build(summary(), history);
 }
 
+void Scenario::pollFollowed()
+{
+    if (!m_world->realServices()) {
+        return;
+    }
+    m_world->pollFollowed();
+    Following f;
+    f.time = now();
+    for (const auto& m : m_world->modules()) {
+        f.followed[m->name()] = followedName(*m);
+    }
+    m_following.push_back(std::move(f));
+}
+
+Json::Value Scenario::followedAt(const Json::Value& results, double from, double to) const
+{
+    // The module each module elected, by name, from the label it published.
+    std::map<std::string, std::string> elected;
+    for (const auto& name : results.getMemberNames()) {
+        const std::string label = results[name]["master"].asString();
+        for (const auto& m : m_world->modules()) {
+            if (m->setup().label() == label) {
+                elected[name] = m->name();
+            }
+        }
+        if (!elected.count(name)) {
+            return Json::Value();
+        }
+    }
+    if (elected.empty()) {
+        return Json::Value();
+    }
+    for (const auto& f : m_following) {
+        if (f.time < from || f.time >= to) {
+            continue;
+        }
+        bool all = true;
+        for (const auto& [name, master] : elected) {
+            const auto it = f.followed.find(name);
+            if (it == f.followed.end() || it->second != master) {
+                all = false;
+                break;
+            }
+        }
+        if (all) {
+            return f.time;
+        }
+    }
+    return Json::Value();
+}
+
+std::string Scenario::followedName(const Module& m) const
+{
+    const Module* master = m_world->followed(m);
+    return master ? master->name() : "";
+}
+
 std::string Scenario::table() const
 {
     std::ostringstream t;
     t << pad("MODULE", 8) << pad("UUID", 8) << pad("REAR", 16) << pad("FRONT", 16) << pad("THRESH", 7)
-      << pad("SERVICE", 8) << pad("ERRORS", 10) << pad("STATUS", 11) << "LAST CHANGE\n";
+      << pad("SERVICE", 8);
+    const bool real = m_world->realServices();
+    if (real) {
+        // Whose time the module's ptp4l takes.
+        t << pad("FOLLOWS", 9);
+    }
+    t << pad("ERRORS", 10) << pad("STATUS", 11) << "LAST CHANGE\n";
     for (const auto& mp : m_world->modules()) {
         Module& m = *mp;
         Json::Value app = m.state("sync/app");
@@ -329,7 +401,7 @@ std::string Scenario::table() const
         std::string last = "-";
         auto events = m.events();
         for (auto it = events.rbegin(); it != events.rend(); ++it) {
-            if (it->path != "sync/param") {
+            if (it->path.rfind("sync/", 0) == 0 && it->path != "sync/param") {
                 last = seconds(it->time - m_startOffset) + " " + it->path;
                 break;
             }
@@ -339,7 +411,12 @@ std::string Scenario::table() const
         t << pad(m.name(), 8) << pad(hex6(m.setup().uuid), 8)
           << pad(side("mode_back", "master_uuid_back", Side::Rear), 16)
           << pad(side("mode_front", "master_uuid_front", Side::Front), 16) << pad(thr, 7)
-          << pad(service(m), 8) << pad(errors.empty() ? "-" : errors, 10) << pad(status, 11) << last << "\n";
+          << pad(service(m), 8);
+        if (real) {
+            const std::string followed = followedName(m);
+            t << pad(followed.empty() ? "-" : followed, 9);
+        }
+        t << pad(errors.empty() ? "-" : errors, 10) << pad(status, 11) << last << "\n";
     }
     return t.str();
 }
@@ -365,6 +442,9 @@ Json::Value Scenario::summary() const
         Json::Value e;
         e["time"] = h.time;
         e["event"] = h.what;
+        if (!h.refused.empty()) {
+            e["refused"] = h.refused;
+        }
         happenings.append(e);
     }
     s["timeline"] = happenings;
@@ -411,6 +491,10 @@ Json::Value Scenario::summary() const
         }
         j["scriptCalls"] = calls;
         j["service"] = service(m);
+        if (m_world->realServices()) {
+            const std::string followed = followedName(m);
+            j["followedMaster"] = followed.empty() ? Json::Value() : Json::Value(followed);
+        }
         auto ex = m_tsdExit.find(m.name());
         if (ex != m_tsdExit.end()) {
             j["tsdExit"] = ex->second >= 0 && WIFEXITED(ex->second) ? Json::Value(WEXITSTATUS(ex->second))
@@ -457,6 +541,9 @@ Json::Value Scenario::summary() const
         }
         e["results"] = results;
         e["master"] = masters.size() == 1 ? Json::Value(*masters.begin()) : Json::Value();
+        if (m_world->realServices()) {
+            e["followedAt"] = followedAt(results, from, to);
+        }
         elections.append(e);
     }
     s["elections"] = elections;
@@ -513,8 +600,11 @@ std::string Scenario::summaryText() const
 
     o << "What happened:\n";
     for (const auto& h : s["timeline"]) {
-        o << "  at " << std::setw(6) << seconds(h["time"].asDouble()) << ": " << h["event"].asString()
-          << "\n";
+        o << "  at " << std::setw(6) << seconds(h["time"].asDouble()) << ": " << h["event"].asString();
+        if (h.isMember("refused")) {
+            o << " (refused: " << h["refused"].asString() << ")";
+        }
+        o << "\n";
     }
     o << "\nElections (the modules agree on one sync master; the others take their time from it):\n";
     int n = 0;
@@ -547,7 +637,13 @@ std::string Scenario::summaryText() const
                 o << names << " chose " << who(bm.first);
             }
         }
-        o << " (settled within " << seconds(latest) << ").\n";
+        o << " (settled within " << seconds(latest) << ")";
+        if (e.isMember("followedAt")) {
+            o << (e["followedAt"].isNull()
+                      ? "; their ptp4l never all followed it"
+                      : "; every module's ptp4l followed it at " + seconds(e["followedAt"].asDouble()));
+        }
+        o << ".\n";
     }
     o << "\nAt the end:\n";
     // Right after the start each daemon knows no other module yet and serves
@@ -592,6 +688,12 @@ std::string Scenario::summaryText() const
         }
         std::string svc = m["service"].asString();
         o << (svc == "ptp" ? ", runs PTP" : svc == "ntp" ? ", runs NTP" : ", runs no time service");
+        if (m.isMember("followedMaster")) {
+            const auto& f = m["followedMaster"];
+            o << (f.isNull() ? ", its ptp4l follows no master"
+                  : f.asString() == name ? ", its ptp4l is the grandmaster"
+                                         : ", its ptp4l follows " + f.asString());
+        }
         if (!m["activeErrors"].empty()) {
             o << ", active errors:";
             for (const auto& e : m["activeErrors"]) {

@@ -35,6 +35,28 @@ std::string standIn(const std::string& script, const std::string& fifo, const st
            "exit \"${st:-0}\"\n";
 }
 
+// The same hand-over, then the module's real script in its place. The
+// module's /proc lists only the processes that existed when the module was
+// made (its device tree lives beside them), while the scripts follow the
+// services they start by pid there: they run with the module's full procfs
+// on /proc, in a mount namespace of their own that shares everything else.
+std::string passingOn(const std::string& script, const std::string& fifo, const std::string& real,
+                      const std::string& defaults, const std::string& procfs)
+{
+    return "#!/bin/sh\n"
+           "# Hands the call to the simulator, then runs the module's own script.\n"
+           "printf '%s\\n' \"" +
+           script + " $*\" > '" + fifo +
+           "'\n"
+           "TSD_DEFAULTS='" +
+           defaults +
+           "'\n"
+           "export TSD_DEFAULTS\n"
+           "exec unshare --mount --propagation private /bin/sh -c "
+           "'mount --bind \"$0\" /proc && exec \"$@\"' '" +
+           procfs + "' '" + real + "' \"$@\"\n";
+}
+
 void writeExecutable(const std::string& path, const std::string& content)
 {
     std::ofstream out(path, std::ios::trunc | std::ios::binary);
@@ -85,6 +107,15 @@ ScriptRecorder::~ScriptRecorder()
 {
     m_io.removeFd(m_fd);
     ::close(m_fd);
+}
+
+void ScriptRecorder::passTo(const std::string& scriptsDir, const std::string& defaults)
+{
+    for (const std::string& s : scriptNames()) {
+        writeExecutable(m_files.scriptPath(s),
+                        passingOn(s, m_files.scriptFifo(), scriptsDir + "/" + s, defaults,
+                                  m_files.procMountPoint()));
+    }
 }
 
 void ScriptRecorder::setStatus(const std::string& script, int status)

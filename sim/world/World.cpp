@@ -1,6 +1,8 @@
 #include "tsdsim/World.h"
 
+#include <linux/capability.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,6 +35,15 @@ std::string ownDirectory()
     return path.substr(0, path.rfind('/'));
 }
 
+// Collects ended time services on the loop, for as long as the loop runs.
+void reapEvery(LoopThread& io)
+{
+    io.after(std::chrono::milliseconds(250), [&io] {
+        reapServices();
+        reapEvery(io);
+    });
+}
+
 }  // namespace
 
 World::World() : World(Options{}) {}
@@ -55,7 +66,38 @@ World::World(const Options& options) : m_options(options)
         const char* env = std::getenv("TSDSIM_BIN_DIR");
         m_binDir = env && *env ? env : ownDirectory();
     }
+    m_dataDir = options.dataDir;
+    if (m_dataDir.empty()) {
+        m_dataDir = std::filesystem::exists(TSDSIM_SOURCE_DATA_DIR) ? TSDSIM_SOURCE_DATA_DIR
+                                                                    : TSDSIM_INSTALLED_DATA_DIR;
+    }
+
     m_io = std::make_unique<LoopThread>();
+
+    if (realServices()) {
+        m_real.scriptsDir = TSDSIM_SCRIPTS_DIR;
+        m_real.ptp4l = "/usr/sbin/ptp4l";
+        m_real.pmc = "/usr/sbin/pmc";
+        const char* privateRoot = std::getenv("TSD_PRIVATE_ROOT");
+        m_real.chronyd = std::string(privateRoot && *privateRoot ? privateRoot : TSDSIM_PRIVATE_ROOT) +
+                         "/usr/sbin/chronyd";
+        m_real.ptp4lTiming = options.ptp4lTiming;
+        for (const std::string& program : {m_real.scriptsDir + "/ptp4ladm.sh", m_real.ptp4l, m_real.pmc,
+                                           m_real.chronyd}) {
+            if (::access(program.c_str(), X_OK) != 0) {
+                throw std::runtime_error("tsdsim: real services need " + program);
+            }
+        }
+        // No simulated module may ever set this machine's clock: nothing
+        // started from here on can gain the right to, whatever it is asked.
+        if (::prctl(PR_CAPBSET_DROP, CAP_SYS_TIME, 0, 0, 0) != 0) {
+            throw std::runtime_error("tsdsim: cannot give up the right to set the clock");
+        }
+        // The scripts start ptp4l and chronyd in the background and leave
+        // them; they come back to the simulator, which collects them.
+        ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
+        reapEvery(*m_io);
+    }
 }
 
 World::~World()
@@ -99,7 +141,13 @@ Module& World::addModule(const ModuleSetup& setup)
     if (m_modules.size() >= 250) {
         throw std::runtime_error("tsdsim: too many modules");
     }
-    m_modules.push_back(std::make_unique<Module>(*this, setup, static_cast<int>(m_modules.size()) + 1));
+    ModuleSetup own = setup;
+    // The shipped serving options need hardware time stamps, which the
+    // simulated links do not have.
+    if (realServices() && own.param.ptp4l == SyncParam{}.ptp4l) {
+        own.param.ptp4l = m_real.serverOptions();
+    }
+    m_modules.push_back(std::make_unique<Module>(*this, own, static_cast<int>(m_modules.size()) + 1));
     return *m_modules.back();
 }
 
@@ -159,35 +207,40 @@ World::UncutPorts World::uncutPorts() const
     for (const auto& m : m_modules) {
         for (Side side : {Side::Rear, Side::Front}) {
             if (Bus* bus = m->bus(side); bus && !bus->isCut(m->portId(side))) {
-                ports[bus].push_back({m.get(), nodeIdText(m->setup().nodeId(side))});
+                ports[bus].push_back({m.get(), m->setup().nodeId(side)});
             }
         }
     }
     return ports;
 }
 
-std::set<std::string> World::reachableFor(const Module& module, const UncutPorts& ports) const
+ModuleDevices::Remote World::remoteFor(const Module& module, const UncutPorts& ports) const
 {
-    std::set<std::string> paths;
+    ModuleDevices::Remote remote;
     for (Side side : {Side::Rear, Side::Front}) {
         Bus* bus = module.bus(side);
         const auto onBus = ports.find(bus);
         if (!bus || onBus == ports.end() || isCut(module, side)) {
             continue;
         }
-        const std::string prefix = std::string("reachableDevices/") + interfaceName(side) + "/";
         for (const auto& port : onBus->second) {
             if (port.module != &module) {
-                paths.insert(prefix + port.nodeId);
+                remote[side].insert(port.nodeId);
             }
         }
     }
-    return paths;
+    return remote;
 }
 
 std::set<std::string> World::reachableFor(const Module& module) const
 {
-    return reachableFor(module, uncutPorts());
+    std::set<std::string> paths;
+    for (const auto& [side, nodes] : remoteFor(module, uncutPorts())) {
+        for (std::uint64_t node : nodes) {
+            paths.insert(reachablePath(side, node));
+        }
+    }
+    return paths;
 }
 
 void World::updateReachable()
@@ -196,18 +249,95 @@ void World::updateReachable()
     // cabling change would otherwise reach the last module's daemon late.
     const UncutPorts ports = uncutPorts();
     for (auto& m : m_modules) {
-        m->setReachable(reachableFor(*m, ports));
+        m->setReachable(remoteFor(*m, ports));
     }
+}
+
+bool World::startPlatforms(std::string* error)
+{
+    // Each step in every module before the next: the programs start and get
+    // ready side by side, not one module after the other.
+    const auto failed = [&](const Module& m) {
+        if (error) {
+            *error = m.name() + ": " + m.startError();
+        }
+        return false;
+    };
+    for (auto& m : m_modules) {
+        if (!m->launchVelad()) {
+            return failed(*m);
+        }
+    }
+    for (auto& m : m_modules) {
+        if (!m->startVelad() || !m->launchPlatform()) {
+            return failed(*m);
+        }
+    }
+    for (auto& m : m_modules) {
+        if (!m->awaitPlatform()) {
+            return failed(*m);
+        }
+    }
+    return true;
 }
 
 bool World::startAll(const std::vector<std::string>& tsdArgs)
 {
+    if (!startPlatforms()) {
+        return false;
+    }
+    prepareTimeServices();
     for (auto& m : m_modules) {
-        if (!m->start(tsdArgs)) {
+        if (!m->startTsd(tsdArgs)) {
             return false;
         }
     }
     return true;
+}
+
+void World::prepareTimeServices()
+{
+    if (!realServices()) {
+        return;
+    }
+    std::vector<std::unique_ptr<ChildProcess>> running;
+    for (auto& m : m_modules) {
+        running.push_back(m->launchServicePreparation());
+    }
+    for (std::size_t i = 0; i < running.size(); ++i) {
+        m_modules[i]->finishServicePreparation(running[i].get());
+    }
+}
+
+void World::pollFollowed()
+{
+    if (!realServices()) {
+        return;
+    }
+    std::vector<std::unique_ptr<ChildProcess>> queries;
+    for (auto& m : m_modules) {
+        queries.push_back(m->timeServices()->startQuery());
+    }
+    for (std::size_t i = 0; i < queries.size(); ++i) {
+        m_modules[i]->setPtp(queries[i] ? ModuleTimeServices::read(*queries[i]) : PtpView{});
+    }
+}
+
+const Module* World::followed(const Module& module) const
+{
+    const PtpView& view = module.ptp();
+    if (view.serves()) {
+        return &module;
+    }
+    if (!view.follows()) {
+        return nullptr;
+    }
+    for (const auto& m : m_modules) {
+        if (m->timeServices() && m->timeServices()->clockIdentity() == view.grandmaster) {
+            return m.get();
+        }
+    }
+    return nullptr;
 }
 
 void World::stopAll()

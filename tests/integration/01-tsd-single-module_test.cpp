@@ -103,7 +103,7 @@ TEST(SingleModule, AnswersStartsRaisesErrorsAndStopsCleanly)
     TesterPort front(peer, Side::Front, kPort + 1);
 
     ASSERT_TRUE(daemon.start());
-    ASSERT_TRUE(daemon.waitPublished(10s)) << daemon.lastPublishError();
+    ASSERT_TRUE(daemon.waitPublished(10s)) << daemon.unpublished();
     ASSERT_TRUE(
         world.waitFor([&] { return hasState(daemon, "sync/app") && hasState(daemon, "sync/master"); }, 10s));
 

@@ -1,9 +1,9 @@
 // Three real tsd processes, each in namespaces of its own with its own velad,
-// on one simulated FireWire bus. The simulator stands in for the platform:
-// it publishes each module's reachable devices and "sync/param" on the
-// module's bus. The modules elect one master once the devices have
-// been quiet for 3000 ms; the master alone serves time; when it goes away
-// the other two elect a new one.
+// on one simulated FireWire bus. Beside each daemon run what a module ships:
+// fwdevd publishes the reachable devices of a sysfs tree that the simulator
+// keeps in step with the cabling, tsdparamd keeps "sync/param". The modules
+// elect one master once the devices have been quiet for 3000 ms; the master
+// alone serves time; when it goes away the other two elect a new one.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -32,7 +32,8 @@ constexpr std::uint32_t kUuidC = 0x000b03;
 tsdsim::ModuleSetup setupFor(const std::string& name, std::uint32_t uuid)
 {
     tsdsim::ModuleSetup s = integration::ptpModuleSetup(name, uuid, "239.255.77.5", 14500, 1.5);
-    s.param.ptp4l = "-4 -E -H -i firewire0 # " + name;
+    // Options of each module's own, so that the serving module shows its own.
+    s.param.ptp4l = "-4 -E -H -i firewire0 --priority2 " + std::to_string(uuid & 0xff);
     return s;
 }
 
@@ -131,7 +132,7 @@ TEST_F(ThreeModulesElection, ElectTheLargestUuidThenFailOverWhenTheMasterGoes)
     const double started = world.now();
     ASSERT_TRUE(world.startAll({"-d"}));
     for (Module* m : {&a, &b, &c}) {
-        ASSERT_TRUE(m->waitPublished(10s)) << m->name() << ": " << m->lastPublishError();
+        ASSERT_TRUE(m->waitPublished(10s)) << m->name() << ": " << m->unpublished();
         EXPECT_EQ(m->reachable().size(), 2u) << m->name();
     }
 
@@ -179,7 +180,7 @@ TEST_F(ThreeModulesElection, ElectTheLargestUuidThenFailOverWhenTheMasterGoes)
     const double unplugged = world.now();
     world.unplug(c);
     for (Module* m : {&a, &b}) {
-        ASSERT_TRUE(m->waitPublished(10s)) << m->name();
+        ASSERT_TRUE(m->waitPublished(10s)) << m->name() << ": " << m->unpublished();
         EXPECT_EQ(m->reachable().size(), 1u) << m->name();
     }
     ASSERT_TRUE(world.waitFor([&] { return agree({&a}, b); }, 30s)) << dump(world);

@@ -145,7 +145,7 @@ TEST(Install, PutsEveryFileWhereTheModuleExpectsIt)
         EXPECT_TRUE(isFile(root + "/usr/share/man/" + page)) << page;
     }
     // The simulator finds the programs beside itself.
-    for (const char* program : {"tsdsim", "tsd", "velad", "vela"}) {
+    for (const char* program : {"tsdsim", "tsd", "velad", "vela", "fwdevd", "tsdparamd"}) {
         EXPECT_TRUE(isExecutableFile(root + "/usr/libexec/tsdsim/" + program)) << program;
     }
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tsdsim/Chain.h"
+#include "tsdsim/ModuleDevices.h"
 
 using tsdsim::Chain;
 using tsdsim::ChainError;
@@ -135,7 +136,9 @@ TEST(Chain, NodeIdsAndLabelsOfAModule)
     EXPECT_EQ(s.label(), "0A7C31ABCDEF");
     EXPECT_EQ(s.nodeId(tsdsim::Side::Rear), 0x0A7C31ABCDEFull);
     EXPECT_EQ(s.nodeId(tsdsim::Side::Front), 0x0A7C312BCDEFull);
-    EXPECT_EQ(tsdsim::nodeIdText(s.nodeId(tsdsim::Side::Rear)), "0A7C31ABCDEF");
+    // As fwdevd names them on the bus: the node id in 16 digits.
+    EXPECT_EQ(tsdsim::reachablePath(tsdsim::Side::Front, s.nodeId(tsdsim::Side::Front)),
+              "reachableDevices/firewire1/00000A7C312BCDEF");
     EXPECT_EQ(tsdsim::nodeIdAddress(0x0A7C31000001ull), "00:00:0a:7c:31:00:00:01");
 }
 
@@ -216,4 +219,14 @@ TEST(Chain, TheFormatReferenceAndTheReaderAgree)
     }
     EXPECT_EQ(events, 14);
     EXPECT_EQ(keys, 12);
+}
+
+TEST(Chain, ServicesAreRecordingUnlessTheFileAsksForRealOnes)
+{
+    EXPECT_EQ(parseChain("bus b\nmodule m uuid=1 rear=b\n").services, tsdsim::Services::Recording);
+    EXPECT_EQ(parseChain("services real\nbus b\nmodule m uuid=1 rear=b\n").services, tsdsim::Services::Real);
+    EXPECT_EQ(parseChain("services recording\nbus b\nmodule m uuid=1 rear=b\n").services,
+              tsdsim::Services::Recording);
+    EXPECT_EQ(errorLine("bus b\nservices fast\nmodule m uuid=1 rear=b\n"), 2);
+    EXPECT_NE(errorText("services\nbus b\nmodule m uuid=1 rear=b\n").find("real or recording"), std::string::npos);
 }

@@ -338,11 +338,13 @@ TEST(World, ReachableDevicesFollowTheCabling)
     world.plug(b, Side::Front, side);
     world.plug(c, Side::Rear, side);
 
-    EXPECT_EQ(world.reachableFor(a), (std::set<std::string>{"reachableDevices/firewire0/0A7C31000102"}));
-    EXPECT_EQ(world.reachableFor(b), (std::set<std::string>{"reachableDevices/firewire0/0A7C31000101",
-                                                            "reachableDevices/firewire1/0A7C31000103"}));
+    EXPECT_EQ(world.reachableFor(a), (std::set<std::string>{"reachableDevices/firewire0/00000A7C31000102"}));
+    EXPECT_EQ(world.reachableFor(b), (std::set<std::string>{"reachableDevices/firewire0/00000A7C31000101",
+                                                            "reachableDevices/firewire1/00000A7C31000103"}));
     // c sees b's front node, whose low bits differ from b's uuid.
-    EXPECT_EQ(world.reachableFor(c), (std::set<std::string>{"reachableDevices/firewire0/0A7C31800102"}));
+    EXPECT_EQ(world.reachableFor(c), (std::set<std::string>{"reachableDevices/firewire0/00000A7C31800102"}));
+    // The same set is what fwdevd will find in the module's tree.
+    EXPECT_EQ(b.reachable(), world.reachableFor(b));
 
     world.unplug(b);
     EXPECT_TRUE(world.reachableFor(a).empty());
@@ -391,7 +393,7 @@ TEST(World, CleanupLeavesNoProcessNamespaceOrDirectory)
     }
 }
 
-TEST(World, PublisherAndWatcherWorkOnTheModuleBusAndSurviveABrokerRestart)
+TEST(World, FwdevdAndTsdparamdKeepTheModuleBusAndSurviveABrokerRestart)
 {
     World world;
     tsdsim::Bus& bus = world.addBus("b");
@@ -400,37 +402,65 @@ TEST(World, PublisherAndWatcherWorkOnTheModuleBusAndSurviveABrokerRestart)
     world.plug(a, Side::Rear, bus);
     world.plug(b, Side::Rear, bus);
     ASSERT_TRUE(a.startVelad());
-    ASSERT_TRUE(a.startBusClients());
-    a.setParam(a.param());
-    ASSERT_TRUE(a.waitPublished(5000ms)) << a.lastPublishError();
+    ASSERT_TRUE(a.startPlatform()) << a.unpublished();
 
+    // fwdevd found b's node in the module's tree, tsdparamd shows the
+    // module's shipped parameters.
     std::string out;
     ASSERT_EQ(a.run({world.binDir() + "/vela", "list", "reachableDevices/"}, &out), 0);
-    EXPECT_EQ(out, "reachableDevices/firewire0/0A7C31000102\t{}\n");
-    // The watcher sees "sync/" states, the parameters among them.
-    ASSERT_TRUE(world.waitFor([&] { return a.state("sync/param")["timesource"] == "Ptp"; }, 5000ms));
+    EXPECT_EQ(out.substr(0, out.find('\t')), "reachableDevices/firewire0/00000A7C31000102");
+    EXPECT_NE(out.find("\"guid\":\"00000A7C31000102\""), std::string::npos) << out;
+    EXPECT_EQ(a.state("sync/param"), a.setup().param.toJson());
 
-    // Cabling changes are republished.
+    // Cabling changes reach the bus.
     world.setCut(b, Side::Rear, true);
-    ASSERT_TRUE(a.waitPublished(5000ms));
+    ASSERT_TRUE(a.waitPublished(5000ms)) << a.unpublished();
     out.clear();
     ASSERT_EQ(a.run({world.binDir() + "/vela", "list", "reachableDevices/"}, &out), 0);
     EXPECT_EQ(out, "");
+    world.setCut(b, Side::Rear, false);
+    ASSERT_TRUE(a.waitPublished(5000ms)) << a.unpublished();
 
-    // A crashed broker comes back; the publisher's states come back with it.
+    // A set request is checked, stored and shown; a refused one changes nothing.
+    Json::Value keys;
+    keys["threshold"] = 2.5;
+    Module::ParamAnswer answer = a.setParam(keys);
+    ASSERT_TRUE(answer.accepted) << answer.message;
+    EXPECT_DOUBLE_EQ(a.param().threshold, 2.5);
+    ASSERT_TRUE(world.waitFor([&] { return a.state("sync/param")["threshold"].asDouble() == 2.5; }, 5000ms));
+    EXPECT_NE(std::ifstream(a.files().paramStateFile()).peek(), EOF);
+    keys["threshold"] = -1;
+    keys["ptp4l"] = "-f /etc/passwd";
+    answer = a.setParam(keys);
+    EXPECT_FALSE(answer.accepted);
+    EXPECT_NE(answer.message.find("threshold"), std::string::npos) << answer.message;
+    EXPECT_NE(answer.message.find("ptp4l"), std::string::npos) << answer.message;
+    EXPECT_DOUBLE_EQ(a.param().threshold, 2.5);
+    EXPECT_EQ(a.state("sync/param")["ptp4l"], a.setup().param.ptp4l);
+
+    // A crashed broker comes back; both services give it their states again.
     a.stopVelad(SIGKILL);
     EXPECT_TRUE(a.state("sync/param").isNull());
     ASSERT_TRUE(a.startVelad());
-    tsdsim::SyncParam p = a.param();
-    p.timesource = "Ntp";
-    ASSERT_TRUE(world.waitFor(
-        [&] {
-            a.setParam(p);
-            return a.waitPublished(500ms) && a.state("sync/param")["timesource"] == "Ntp";
-        },
-        15000ms));
+    ASSERT_TRUE(a.waitPublished(15000ms)) << a.unpublished();
+    EXPECT_DOUBLE_EQ(a.state("sync/param")["threshold"].asDouble(), 2.5);
     // The other module's bus is its own: nothing arrived there.
     EXPECT_TRUE(b.state("sync/param").isNull());
+}
+
+TEST(World, AModuleWithoutParametersRunsNoKeeperAndRefusesSets)
+{
+    World world;
+    ModuleSetup s = setup("a", 0x000101);
+    s.publishParam = false;
+    Module& a = world.addModule(s);
+    ASSERT_TRUE(a.startVelad());
+    ASSERT_TRUE(a.startPlatform()) << a.unpublished();
+    EXPECT_FALSE(a.processes().running("tsdparamd"));
+    EXPECT_TRUE(a.state("sync/param").isNull());
+    const Module::ParamAnswer answer = a.setParam(a.param());
+    EXPECT_FALSE(answer.accepted);
+    EXPECT_FALSE(answer.message.empty());
 }
 
 TEST(World, BadRequestsThrowAndLeaveTheWorldUsable)

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tsdsim/ModuleSetup.h"
+#include "tsdsim/ModuleTimeServices.h"
 
 namespace tsdsim {
 
@@ -31,6 +32,8 @@ struct Chain
     };
 
     double duration = 15;
+    // What answers the modules' time-service scripts ("services real").
+    Services services = Services::Recording;
     std::vector<std::string> buses;
     std::vector<ModuleEntry> modules;
     std::vector<Event> events;  // sorted by time, stable for equal times

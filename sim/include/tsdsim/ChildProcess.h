@@ -27,9 +27,10 @@ public:
         std::string cwd;                // empty: unchanged
         int netnsFd = -1;               // setns() into these before exec, when >= 0
         int mntnsFd = -1;
-        bool pipeStdin = false;   // writeLine() feeds the child's stdin
-        bool pipeStdout = false;  // stdoutFd() reads the child's stdout
-        std::string outputFile;   // stdout (unless piped) and stderr are appended here
+        bool pipeStdin = false;       // writeLine() feeds the child's stdin
+        bool pipeStdout = false;      // stdoutFd() reads the child's stdout
+        bool stderrToStdout = false;  // stderr goes where stdout goes
+        std::string outputFile;       // stdout (unless piped) and stderr are appended here
     };
 
     ChildProcess() = default;

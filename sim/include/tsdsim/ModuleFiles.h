@@ -12,7 +12,9 @@ namespace tsdsim {
 // directory: what its sandbox mounts where the daemon looks, and what the
 // simulator reads back. This class alone knows the layout:
 //
-//   etc-up/ etc-work/          overlay on /etc: TimeSourceDaemonConfig.xml
+//   etc-up/ etc-work/          overlay on /etc: TimeSourceDaemonConfig.xml and
+//                              tsd/param.json, the parameters the module ships
+//                              (tsdparamd's defaults)
 //   bin-up/ bin-work/          overlay on /usr/bin: the time-service scripts
 //                              (stand-ins: see ScriptRecorder)
 //   run/                       the module's /run (= /var/run), timesync/ in it
@@ -21,6 +23,9 @@ namespace tsdsim {
 //                              procfs and /dev, which its shadows link to
 //   ids/IFNAME.address         node ids, bound over /sys/class/net/IFNAME/address
 //   ids/IFNAME.type            link type 24, bound over /sys/class/net/IFNAME/type
+//   sysfs/                     the FireWire devices as fwdevd reads them (see
+//                              ModuleDevices)
+//   state/param.json           tsdparamd's state file: parameters set at run time
 //   status/SCRIPT              exit status a stand-in script gives (0 if absent)
 //   scripts.fifo               where the stand-ins hand over their calls
 //   scripts.log                "EPOCH-MS SCRIPT ARGS", one line per script call
@@ -50,6 +55,11 @@ public:
     std::string devMountPoint() const { return path("realdev"); }
     std::string logSocket() const { return path("log.sock"); }
     std::string outputFile(const std::string& program) const { return path(program + ".out"); }
+    // The FireWire devices fwdevd reads, the parameters tsdparamd keeps (as
+    // seen inside the module, and its state file).
+    std::string sysfsDir() const { return path("sysfs"); }
+    static std::string paramDefaultsInside() { return "/etc/tsd/param.json"; }
+    std::string paramStateFile() const { return path("state/param.json"); }
     // Where a time-service script of the module lies (seen inside as
     // /bin/SCRIPT), its exit status, the stand-ins' FIFO and their log.
     std::string scriptPath(const std::string& script) const { return path("bin-up/" + script); }

@@ -67,6 +67,12 @@ public:
     // Starts the program with extraArgs appended, unless it runs already.
     // False when it could not be started or did not get ready (error() says why).
     bool start(const std::string& name, const std::vector<std::string>& extraArgs = {});
+    // start() in two halves, so that many programs get ready side by side:
+    // launch() starts the process without waiting, awaitReady() waits until
+    // it is ready (readyTimeout counted from the launch) and runs its
+    // started hook.
+    bool launch(const std::string& name, const std::vector<std::string>& extraArgs = {});
+    bool awaitReady(const std::string& name);
     // Stops it (if it runs) and starts it afresh.
     bool restart(const std::string& name, const std::vector<std::string>& extraArgs = {});
     // Sends sig and waits up to timeout; after that SIGKILL. Returns the wait
@@ -80,6 +86,8 @@ public:
     bool signal(const std::string& name, int sig);
 
     bool running(const std::string& name);
+    // Running, and found ready since its launch.
+    bool ready(const std::string& name);
     // Started and not stopped on purpose since (it may have ended by itself).
     bool wanted(const std::string& name) const;
     pid_t pid(const std::string& name) const;  // -1 before the first start
@@ -95,6 +103,7 @@ private:
         std::unique_ptr<ChildProcess> process;
         bool wanted = false;
         bool attached = false;  // started() ran, stopping() not yet
+        std::chrono::steady_clock::time_point launched;
         std::string error;
     };
 

@@ -29,7 +29,7 @@ inline const char* sideName(Side side)
 // The maker's OUI, bits 24..47 of every FireWire node id of a module.
 constexpr std::uint64_t kMakerOui = 0x0A7C31;
 
-// The value the simulator publishes as "sync/param" for a module.
+// A module's "sync/param": its tsdparamd starts from it.
 struct SyncParam
 {
     std::string timesource = "Ptp";
@@ -47,8 +47,8 @@ struct ModuleSetup
     std::string name;                    // short, unique in the world, e.g. "m1"
     std::uint32_t uuid = 0;              // low 24 bits are used, e.g. 0xabcdef
     std::string type = "RZ";             // device-tree module type, e.g. "RZ" or "KP40"
-    SyncParam param;                     // published as "sync/param" ...
-    bool publishParam = true;            // ... unless this is false
+    SyncParam param;                     // the parameters the module ships ...
+    bool publishParam = true;            // ... and keeps (tsdparamd), unless false
     std::string group = "239.255.77.1";  // multicast group of the configuration file
     unsigned port = 14000;               // base port (front side uses port + 1)
     // Priority levels of the configuration file: module types and time sources.
@@ -65,8 +65,6 @@ struct ModuleSetup
     std::string configFile() const;
 };
 
-// 12 upper-case hex digits of a node id, as in reachable-device paths.
-std::string nodeIdText(std::uint64_t nodeId);
 // The sysfs address text of a node id: 8 colon-separated lower-case hex bytes.
 std::string nodeIdAddress(std::uint64_t nodeId);
 

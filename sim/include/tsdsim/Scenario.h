@@ -35,7 +35,8 @@ public:
     void build();
     // Starts the modules and plays the timeline until the chain's duration has
     // passed or World::stopRequested(); onTick runs every tick meanwhile and
-    // onEvent after each timeline event. False when a module could not start.
+    // onEvent after each timeline event. False when a module could not start
+    // (startError() says which and why).
     bool run(const std::function<void()>& onTick, std::chrono::milliseconds tick,
              const std::function<void(const std::string&)>& onEvent = {});
     // Applies one timeline event now. Returns an error text, empty when done.
@@ -49,6 +50,7 @@ public:
     // Seconds since the modules were started (0 before).
     double now() const;
     bool interrupted() const { return m_interrupted; }
+    const std::string& startError() const { return m_startError; }
 
     // The live table, one line per module, with a header line.
     std::string table() const;
@@ -64,6 +66,7 @@ private:
         double time;
         std::string what;
         bool election;
+        std::string refused;  // a parameter change tsdparamd refused: why
     };
     struct Election
     {
@@ -71,7 +74,14 @@ private:
         std::string trigger;
     };
 
-    void note(const std::string& what, bool election);
+    void note(const std::string& what, bool election, const std::string& refused = {});
+    // Real services: asks every ptp4l what it follows, and keeps it.
+    void pollFollowed();
+    // The name of the module whose time m follows, empty for none.
+    std::string followedName(const Module& m) const;
+    // The first look between from and to at which every module of an
+    // election's results followed the module it elected; null when none.
+    Json::Value followedAt(const Json::Value& results, double from, double to) const;
     std::string service(const Module& m) const;
     std::vector<Election> elections() const;
 
@@ -90,8 +100,16 @@ private:
     std::unique_ptr<World> m_world;
     double m_startOffset = -1;  // world time at which the modules were started
     std::vector<Happening> m_happenings;
+    // Real services: what every module followed at each look, by name.
+    struct Following
+    {
+        double time;
+        std::map<std::string, std::string> followed;
+    };
+    std::vector<Following> m_following;
     std::map<std::string, int> m_tsdExit;
     bool m_interrupted = false;
+    std::string m_startError;
     bool m_finished = false;
 };
 

@@ -47,6 +47,10 @@ public:
     ScriptRecorder(const ScriptRecorder&) = delete;
     ScriptRecorder& operator=(const ScriptRecorder&) = delete;
 
+    // From now on every call, once on record, runs the real script of that
+    // name in scriptsDir, with the settings file defaults (TSD_DEFAULTS);
+    // the statuses set no longer apply.
+    void passTo(const std::string& scriptsDir, const std::string& defaults);
     // Exit status the stand-in gives from now on.
     void setStatus(const std::string& script, int status);
     // Every call so far, also one whose line has just been written.

@@ -37,15 +37,15 @@ namespace tsdsim {
 //   tsdsim::Module& ma = world.addModule(a);
 //   world.plug(ma, tsdsim::Side::Rear, bus);   // firewire0 of "a" on the bus
 //   ...                                        // more modules
-//   world.startAll({"-d"});                    // velad, publisher, watcher,
-//                                              // "sync/param", then tsd -d
+//   world.startAll({"-d"});                    // velad, watcher, fwdevd,
+//                                              // tsdparamd, then tsd -d
 //   bool ok = world.waitFor([&] { return ma.state("sync/master") == "0A7C31000102"; },
 //                           std::chrono::seconds(20));
 //   world.setCut(ma, tsdsim::Side::Rear, true); // unplug the cable
 //   int status = ma.stopTsd(SIGTERM);          // wait status of the daemon
 //
-// Finer steps for daemon tests: Module::startVelad(), startBusClients(),
-// setParam(), startTsd(args); observe with Module::state()/states()/events()
+// Finer steps for daemon tests: Module::startVelad(), startPlatform(),
+// startTsd(args), setParam(); observe with Module::state()/states()/events()
 // (what the daemon published), syslog() (with priorities), scriptCalls() (the
 // time-service scripts), runFile("timesync/ptp4l.cfg"), output("tsd"); reach
 // in with Module::run() (a command inside the module), openSocket() or
@@ -53,9 +53,10 @@ namespace tsdsim {
 // setDuplicate(), setDelay() impair a bus. All of it needs root.
 //
 // Reachable devices follow the cabling: after every plug, cut or unplug the
-// world republishes, on each module's bus, one state
-// "reachableDevices/<interface>/<node id>" per other uncut port on the buses
-// of the module's uncut ports.
+// world rewrites each module's FireWire devices (ModuleDevices: one remote
+// node per other uncut port on the buses of the module's uncut ports) and
+// has its fwdevd look again, which then publishes one state
+// "reachableDevices/<interface>/<node id>" per remote node.
 //
 // Threads: make the World and call it from one thread, and keep that thread
 // alive as long as the World (children die with the thread that forked
@@ -70,6 +71,16 @@ public:
         std::string binDir;
         // Base of the world's directory; empty: /tmp.
         std::string baseDir;
+        // Where the shipped lists are (ptp4l-options, the ptp4l options
+        // tsdparamd lets through); empty: the source tree's packaging/config
+        // when it exists, else the installed one.
+        std::string dataDir;
+        // What answers the daemon's time-service scripts: recording
+        // stand-ins (fast, the default), or the reference scripts with real
+        // ptp4l and chronyd in every module (see ModuleTimeServices).
+        Services services = Services::Recording;
+        // Real services: the announce timing of every ptp4l.
+        std::string ptp4lTiming = RealServices::fastTiming();
     };
 
     World();
@@ -82,6 +93,7 @@ public:
     const std::string& prefix() const { return m_prefix; }
     const std::string& dir() const { return m_dir; }
     const std::string& binDir() const { return m_binDir; }
+    const std::string& dataDir() const { return m_dataDir; }
     LoopThread& io() { return *m_io; }
     // The time base of every record: seconds since the world began.
     const SimClock& clock() const { return m_clock; }
@@ -105,16 +117,34 @@ public:
     void unplug(Module& module);
     void replug(Module& module);
 
-    // Recomputes and republishes every module's reachable devices.
+    // Recomputes every module's reachable devices, and has them published.
     void updateReachable();
     // The reachable-device paths a module should see with the present cabling.
     std::set<std::string> reachableFor(const Module& module) const;
 
-    // Starts every module (in order) / stops them (in reverse).
+    // Starts velad and what runs beside tsd (Module::startPlatform) in every
+    // module, all side by side; false with the module and the reason in
+    // error when one did not start.
+    bool startPlatforms(std::string* error = nullptr);
+    // Starts every module / stops them (in reverse).
     bool startAll(const std::vector<std::string>& tsdArgs = {});
     void stopAll();
 
-    // Keeps publishers and watchers alive across velad restarts.
+    // Real services: what the programs are, and whether the world runs them.
+    bool realServices() const { return m_options.services == Services::Real; }
+    const RealServices& real() const { return m_real; }
+    // Real services, before the daemons start: every module follows, and
+    // serves no NTP, as tsd.service's preparation makes it on a module (tsd
+    // starts believing it runs no time service). All modules side by side.
+    void prepareTimeServices();
+    // Asks every module's ptp4l (pmc, all side by side) what it follows and
+    // keeps the answer in the module (Module::ptp()).
+    void pollFollowed();
+    // The module whose ptp4l the module's ptp4l takes its time from, itself
+    // when it serves; nullptr when it follows none (or runs no real services).
+    const Module* followed(const Module& module) const;
+
+    // Keeps the programs beside tsd alive across velad restarts.
     void maintain();
     // Evaluates condition whenever a module recorded something new (a bus
     // event, a syslog line) and at least every 50 ms, calling maintain() in
@@ -133,17 +163,19 @@ private:
     struct UncutPort
     {
         const Module* module;
-        std::string nodeId;  // as in reachable-device paths
+        std::uint64_t nodeId;
     };
     using UncutPorts = std::map<const Bus*, std::vector<UncutPort>>;
 
     UncutPorts uncutPorts() const;
-    std::set<std::string> reachableFor(const Module& module, const UncutPorts& ports) const;
+    ModuleDevices::Remote remoteFor(const Module& module, const UncutPorts& ports) const;
 
     Options m_options;
+    RealServices m_real;
     std::string m_prefix;
     std::string m_dir;
     std::string m_binDir;
+    std::string m_dataDir;
     SimClock m_clock;
     std::unique_ptr<LoopThread> m_io;
     std::vector<std::unique_ptr<Bus>> m_buses;
