@@ -71,18 +71,26 @@ const Bus::Port* Bus::findPort(int portId) const
 
 void Bus::detach(int portId)
 {
+    const int fd = release(portId);
+    if (fd >= 0) {
+        ::close(fd);
+    }
+}
+
+int Bus::release(int portId)
+{
     int fd = -1;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         auto it = std::find_if(m_ports.begin(), m_ports.end(), [&](const Port& p) { return p.id == portId; });
         if (it == m_ports.end()) {
-            return;
+            return -1;
         }
         fd = it->fd;
         m_ports.erase(it);
     }
     m_io.removeFd(fd);
-    ::close(fd);
+    return fd;
 }
 
 void Bus::setLoss(double rate)

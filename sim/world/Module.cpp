@@ -102,6 +102,22 @@ void Module::addInterface(Side side, Bus& bus)
     port.portId = bus.attach(fd, name() + "." + sideName(side));
 }
 
+void Module::movePort(Side side, Bus& to)
+{
+    Port& port = m_ports[static_cast<int>(side)];
+    if (!port.bus) {
+        throw std::runtime_error("tsdsim: module " + name() + " has no " + sideName(side) + " port");
+    }
+    if (port.bus == &to) {
+        return;
+    }
+    const bool cut = port.bus->isCut(port.portId);
+    const int fd = port.bus->release(port.portId);
+    port.bus = &to;
+    port.portId = to.attach(fd, name() + "." + sideName(side));
+    to.setCut(port.portId, cut);
+}
+
 bool Module::hasInterface(Side side) const
 {
     return m_ports[static_cast<int>(side)].bus != nullptr;

@@ -51,6 +51,9 @@ public:
     // label: "module.rear" style, for cut() and diagnostics. Returns the port id.
     int attach(int fd, const std::string& label);
     void detach(int portId);
+    // Takes a port off the bus without closing its fd, which the caller owns
+    // from now on (a cable moved to another bus). -1 for an unknown port.
+    int release(int portId);
 
     // Loss and duplication rates are probabilities 0..1 per copy; delay is
     // added to each copy (ms).
