@@ -73,11 +73,26 @@ public:
         return Chain::follows(m, masterUuid);
     }
 
-    // Waits until every module is settled on masterUuid (the names in
-    // alone on their own) and everything runs; returns the seconds from
-    // faultEnd (world time) until then, or -1 after timeout. Prints it.
+    // Whether module m completed an election on its rear side after world
+    // time since: the daemon's debug trace (it runs with -d) has a line for
+    // every election result it applies.
+    static bool electedSince(tsdsim::Module& m, double since)
+    {
+        for (const auto& l : m.syslog()) {
+            if (l.time >= since && l.ident == "tsd" && l.text.rfind("SYNCMASTER(0)", 0) == 0) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // Waits until every module completed an election after faultEnd (world
+    // time; unless elect is false: a fault after which nothing needs to
+    // change), is settled on masterUuid (the names in alone on their own)
+    // and everything runs; returns the seconds from faultEnd until then, or
+    // -1 after timeout. Prints it.
     double recovery(const std::string& what, double faultEnd, std::uint32_t masterUuid,
-                    const std::set<std::string>& alone = {},
+                    const std::set<std::string>& alone = {}, bool elect = true,
                     std::chrono::milliseconds timeout = simtest::kSettle)
     {
         double done = -1;
@@ -86,7 +101,8 @@ public:
         bool ok = world().waitFor(
             [&] {
                 for (auto& m : world().modules()) {
-                    if (!settled(*m, masterUuid, alone.count(m->name()) != 0)) {
+                    if (!settled(*m, masterUuid, alone.count(m->name()) != 0) ||
+                        (elect && !electedSince(*m, faultEnd))) {
                         return false;
                     }
                 }
