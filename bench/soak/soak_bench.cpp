@@ -307,7 +307,9 @@ int main(int argc, char** argv)
             nextSample += 1.0;
         }
     }
-    sample();
+    if (samples.empty() || elapsedMin() - samples.back().minute > 0.1) {
+        sample();
+    }
 
     // Flatness after the warm-up.
     const Sample* base = nullptr;
