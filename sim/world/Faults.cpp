@@ -326,7 +326,8 @@ std::string Faults::apply(const std::vector<std::string>& w)
             // Rounds of count clients, each round in batches that connect, say
             // hello, wait for the answer and leave together.
             while (!c->stop && std::chrono::steady_clock::now() < until) {
-                for (std::size_t done = 0; done < count && !c->stop;) {
+                for (std::size_t done = 0;
+                     done < count && !c->stop && std::chrono::steady_clock::now() < until;) {
                     std::vector<int> fds;
                     const std::size_t batch = std::min(kCrowdBatch, count - done);
                     for (std::size_t i = 0; i < batch; ++i) {
