@@ -119,6 +119,10 @@ ts_root_file() {
 # wrote it (the value and one line feed). Refuses (status 1, ts_refused set
 # to the bytes as a message shows them) a byte outside printable ASCII other
 # than a tab, and anything after the first line. Status 2: no such file.
+# Status 3: the file is empty. tsd always writes at least the line feed, so
+# an empty file is a write that did not land: on a full /var/run the file is
+# created or truncated and the text is lost. It holds no value to act on,
+# and acting on it would replace a running service by one without options.
 ts_read_value() {
     ts_value=
     ts_refused=
@@ -130,6 +134,7 @@ ts_read_value() {
     # the bound allows.
     ts_bytes=$(od -An -v -tx1 -N "$((ts_max + 1))" <"$ts_file") || return 2
     set -- $ts_bytes
+    [ $# -gt 0 ] || return 3
     if [ $# -gt "$ts_max" ]; then
         ts_refused="(longer than $ts_max bytes)"
         return 1

@@ -175,6 +175,77 @@ std::chrono::milliseconds Bus::delay() const
     return m_delay;
 }
 
+int Bus::moveTo(int portId, Bus& to, const std::string& label)
+{
+    if (&to == this) {
+        return portId;
+    }
+    Port port{};
+    {
+        std::lock_guard<std::mutex> control(m_control);
+        account();
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            Port* found = findPort(portId);
+            if (!found) {
+                throw std::runtime_error("tsdsim: bus " + m_name + ": no port " + std::to_string(portId) + " to move");
+            }
+            port = *found;
+            m_ports.erase(m_ports.begin() + (found - m_ports.data()));
+        }
+        if (port.relayFd >= 0) {
+            m_io.removeFd(port.relayFd);
+            ::close(port.relayFd);
+        }
+    }
+    // This bus's lock is let go first: the other bus takes its own, and two
+    // buses never wait for each other.
+    return to.adopt(*m_bridge, port.index, port.cut, label);
+}
+
+int Bus::adopt(BusBridge& from, int index, bool cut, const std::string& label)
+{
+    std::lock_guard<std::mutex> control(m_control);
+    account();
+    int id;
+    bool relaying;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        id = m_nextPortId++;
+        relaying = m_relaying;
+    }
+    const int moved = from.movePort(index, *m_bridge, id);
+    if (moved < 0) {
+        throw std::runtime_error("tsdsim: bus " + m_name + ": " + label + ": " + from.error());
+    }
+    Port port{id, moved, label};
+    port.cut = cut;
+    // The bus end keeps its counters through the move: what it counted on the
+    // other bus is not this bus's traffic.
+    std::map<int, BusBridge::Counters> counters;
+    if (m_bridge->allCounters(counters)) {
+        const auto it = counters.find(moved);
+        if (it != counters.end()) {
+            port.seenFromModule = it->second.fromModule;
+            port.seenToModule = it->second.toModule;
+        }
+    }
+    if (cut || relaying) {
+        m_bridge->setForwarding(moved, false);
+    }
+    if (relaying) {
+        port.relayFd = openPortSocket(moved);
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_ports.push_back(port);
+    }
+    if (port.relayFd >= 0) {
+        m_io.addFd(port.relayFd, EPOLLIN, [this, id](std::uint32_t) { onRelayReadable(id); });
+    }
+    return id;
+}
+
 bool Bus::relaying() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);

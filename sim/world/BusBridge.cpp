@@ -226,6 +226,29 @@ int BusBridge::addPort(int portId, int moduleNetnsFd, const std::string& ifname)
     return index;
 }
 
+int BusBridge::movePort(int index, BusBridge& to, int portId)
+{
+    // Renamed on the way: the other bus numbers its ports itself.
+    const std::string name = "p" + std::to_string(portId);
+    char buffer[MNL_SOCKET_BUFFER_SIZE];
+    nlmsghdr* nlh = linkRequest(buffer, RTM_NEWLINK, NLM_F_ACK, ++m_sequence, index);
+    mnl_attr_put_u32(nlh, IFLA_NET_NS_FD, static_cast<std::uint32_t>(to.m_netns));
+    mnl_attr_put_strz(nlh, IFLA_IFNAME, name.c_str());
+    if (!request(nlh, "move a bus port")) {
+        return -1;
+    }
+    // The kernel took it out of this bridge and set it down as it left.
+    const int moved = to.linkIndex(name);
+    if (moved < 0 || !to.setForwarding(moved, true) || !to.setUp(moved)) {
+        m_error = to.error();
+        if (moved >= 0) {
+            to.removePort(moved);
+        }
+        return -1;
+    }
+    return moved;
+}
+
 bool BusBridge::removePort(int index)
 {
     char buffer[MNL_SOCKET_BUFFER_SIZE];

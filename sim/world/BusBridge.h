@@ -52,6 +52,10 @@ public:
     // address for the module to configure. Returns the bridge port's
     // interface index, -1 with error() set on failure.
     int addPort(int portId, int moduleNetnsFd, const std::string& ifname);
+    // Hands the bus end at index over to the bus of to, as its port
+    // "p<portId>", a forwarding port of to's bridge; the module's end stays
+    // where it is. Returns the index in to's namespace, -1 with error() set.
+    int movePort(int index, BusBridge& to, int portId);
     // Deletes the pair (both ends).
     bool removePort(int index);
     // A forwarding port is a port of the bridge and takes part in the bus;

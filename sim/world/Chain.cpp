@@ -1,6 +1,7 @@
 // The chain-file reader. The format it accepts is documented in
 // docs/chain-files.md; keep the two in step.
 #include "tsdsim/Chain.h"
+#include "tsdsim/Faults.h"
 
 #include <algorithm>
 #include <cctype>
@@ -141,7 +142,7 @@ bool applyParamKey(SyncParam& p, const std::string& key, const std::string& valu
 
 bool opensElection(const Chain::Event& event)
 {
-    static const std::set<std::string> electing{"unplug", "replug", "cut", "plug", "param", "start-tsd"};
+    static const std::set<std::string> electing{"unplug", "replug", "cut", "plug", "move", "flap", "param", "start-tsd"};
     return !event.words.empty() && electing.count(event.words[0]) != 0;
 }
 
@@ -157,6 +158,27 @@ std::string Chain::Event::text() const
 ChainError::ChainError(int line, const std::string& message)
     : std::runtime_error(line > 0 ? "line " + std::to_string(line) + ": " + message : message), m_line(line)
 {
+}
+
+std::string checkPort(const Chain& chain, const std::string& action, const std::string& port)
+{
+    std::size_t dot = port.rfind('.');
+    if (dot == std::string::npos) {
+        return action + ": port must be MODULE.rear or MODULE.front";
+    }
+    std::string mod = port.substr(0, dot);
+    std::string side = port.substr(dot + 1);
+    const auto* m = findModule(chain, mod);
+    if (!m) {
+        return action + ": unknown module '" + mod + "'";
+    }
+    if (side == "rear") {
+        return m->rearBus.empty() ? action + ": module '" + mod + "' has no rear port" : "";
+    }
+    if (side == "front") {
+        return m->frontBus.empty() ? action + ": module '" + mod + "' has no front port" : "";
+    }
+    return action + ": port must be MODULE.rear or MODULE.front";
 }
 
 std::string checkEvent(const Chain& chain, const Chain::Event& e)
@@ -189,23 +211,7 @@ std::string checkEvent(const Chain& chain, const Chain::Event& e)
         if (w.size() != 2) {
             return a + " takes one port, MODULE.rear or MODULE.front";
         }
-        std::size_t dot = w[1].rfind('.');
-        if (dot == std::string::npos) {
-            return a + ": port must be MODULE.rear or MODULE.front";
-        }
-        std::string mod = w[1].substr(0, dot);
-        std::string side = w[1].substr(dot + 1);
-        const auto* m = findModule(chain, mod);
-        if (!m) {
-            return a + ": unknown module '" + mod + "'";
-        }
-        if (side == "rear") {
-            return m->rearBus.empty() ? a + ": module '" + mod + "' has no rear port" : "";
-        }
-        if (side == "front") {
-            return m->frontBus.empty() ? a + ": module '" + mod + "' has no front port" : "";
-        }
-        return a + ": port must be MODULE.rear or MODULE.front";
+        return checkPort(chain, a, w[1]);
     }
     if (a == "param") {
         std::string err = needModule(1);
@@ -261,6 +267,9 @@ std::string checkEvent(const Chain& chain, const Chain::Event& e)
             return "script: bad exit status '" + w[3] + "'";
         }
         return "";
+    }
+    if (Faults::handles(a)) {
+        return checkFaultEvent(chain, e);
     }
     return "unknown event '" + a + "'";
 }

@@ -172,6 +172,19 @@ void Module::addInterface(Side side, Bus& bus)
     port.portId = portId;
 }
 
+void Module::movePort(Side side, Bus& to)
+{
+    Port& port = m_ports[static_cast<int>(side)];
+    if (!port.bus) {
+        throw std::runtime_error("tsdsim: module " + name() + " has no " + sideName(side) + " port");
+    }
+    if (port.bus == &to) {
+        return;
+    }
+    port.portId = port.bus->moveTo(port.portId, to, name() + "." + sideName(side));
+    port.bus = &to;
+}
+
 bool Module::hasInterface(Side side) const
 {
     return m_ports[static_cast<int>(side)].bus != nullptr;

@@ -81,6 +81,7 @@ Scenario::~Scenario()
     if (m_world && !m_finished) {
         finish();
     }
+    m_faults.reset();
 }
 
 double Scenario::now() const
@@ -94,6 +95,7 @@ double Scenario::now() const
 void Scenario::build()
 {
     m_world = std::make_unique<World>(m_options);
+    m_faults = std::make_unique<Faults>(*m_world);
     for (const auto& b : m_chain.buses) {
         m_world->addBus(b);
     }
@@ -150,6 +152,7 @@ bool Scenario::run(const std::function<void()>& onTick, std::chrono::millisecond
                 onEvent(err.empty() ? ev.text() : ev.text() + " (failed: " + err + ")");
             }
         }
+        m_faults->tick();
         m_world->maintain();
         auto t = std::chrono::steady_clock::now();
         if (t - lastTick >= tick) {
@@ -173,6 +176,13 @@ std::string Scenario::apply(const Chain::Event& event)
     const auto& w = event.words;
     const std::string& a = w[0];
     World& world = *m_world;
+    if (Faults::handles(a)) {
+        err = m_faults->apply(w);
+        if (err.empty()) {
+            note(event.text(), opensElection(event));
+        }
+        return err;
+    }
     if (a == "loss" || a == "dup" || a == "delay") {
         Bus& bus = *world.findBus(w[1]);
         double v = std::stod(w[2]);
@@ -251,6 +261,7 @@ void Scenario::finish()
         return;
     }
     m_finished = true;
+    m_faults->endAll();
     for (auto& m : m_world->modules()) {
         m_final[m->name()] = Final{m->state("sync/app"), m->state("sync/master"), m->states("sync/errors/")};
     }

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
@@ -19,8 +20,11 @@ namespace {
 
 // A stand-in for one script: one line into the FIFO, then the status. The
 // FIFO is always open for reading in the simulator, so opening it to write
-// never blocks, and a line this short is written in one piece.
-std::string standIn(const std::string& script, const std::string& fifo, const std::string& statusFile)
+// never blocks, and a line this short is written in one piece. Only when the
+// simulator set a delay (a time service that hangs or starts slowly) does it
+// run one program, sleep, before it answers.
+std::string standIn(const std::string& script, const std::string& fifo, const std::string& statusFile,
+                    const std::string& delayFile)
 {
     return "#!/bin/sh\n"
            "# Stand-in for a time service: hands the call to the simulator and answers\n"
@@ -32,6 +36,11 @@ std::string standIn(const std::string& script, const std::string& fifo, const st
            "{ read -r st < '" +
            statusFile +
            "'; } 2>/dev/null\n"
+           "d=\n"
+           "{ read -r d < '" +
+           delayFile +
+           "'; } 2>/dev/null\n"
+           "case \"$d\" in ''|0|*[!0-9.]*) ;; *) sleep \"$d\" ;; esac\n"
            "exit \"${st:-0}\"\n";
 }
 
@@ -92,7 +101,7 @@ ScriptRecorder::ScriptRecorder(LoopThread& io, SimClock clock, const ModuleFiles
     try {
         std::ofstream(m_files.scriptsLog(), std::ios::trunc);
         for (const std::string& s : scriptNames()) {
-            writeExecutable(m_files.scriptPath(s), standIn(s, fifo, m_files.scriptStatusFile(s)));
+            writeExecutable(m_files.scriptPath(s), standIn(s, fifo, m_files.scriptStatusFile(s), m_files.scriptDelayFile(s)));
         }
         if (m_io.addFd(m_fd, EPOLLIN, [this](std::uint32_t) { onReadable(); }) < 0) {
             throw std::runtime_error("tsdsim: cannot watch " + fifo);
@@ -123,6 +132,19 @@ void ScriptRecorder::setStatus(const std::string& script, int status)
     const std::string path = m_files.scriptStatusFile(script);
     std::ofstream out(path, std::ios::trunc);
     out << status << "\n";
+    out.close();
+    if (!out) {
+        throw std::runtime_error("tsdsim: cannot write " + path);
+    }
+}
+
+void ScriptRecorder::setDelay(const std::string& script, double seconds)
+{
+    const std::string path = m_files.scriptDelayFile(script);
+    std::ofstream out(path, std::ios::trunc);
+    char text[32];
+    std::snprintf(text, sizeof text, "%.3f", seconds > 0 ? seconds : 0.0);
+    out << (seconds > 0 ? text : "0") << "\n";
     out.close();
     if (!out) {
         throw std::runtime_error("tsdsim: cannot write " + path);

@@ -201,6 +201,12 @@ void World::replug(Module& module)
     updateReachable();
 }
 
+void World::move(Module& module, Side side, Bus& to)
+{
+    module.movePort(side, to);
+    updateReachable();
+}
+
 World::UncutPorts World::uncutPorts() const
 {
     UncutPorts ports;

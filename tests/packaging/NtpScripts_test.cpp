@@ -10,6 +10,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <syslog.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include <thread>
 
 #include "ModuleSandbox.h"
+#include "testsupport/SyslogCapture.h"
 
 using namespace scripttest;
 using namespace std::chrono_literals;
@@ -189,6 +191,25 @@ TEST(NtpScripts, RestartAsTsdDoesItServesTheNewServer)
         EXPECT_NE(readFile(kRun + "/chronyd.conf").find("\nserver 10.1.0.3 iburst\n"), std::string::npos);
         waitForDetachedStarts(module);
         EXPECT_EQ(module.processes(), std::vector<pid_t>{second});
+    });
+}
+
+TEST(NtpScripts, AnEmptyServerFileStartsNothingAndLeavesTheDaemonServing)
+{
+    runIsolated([] {
+        testsupport::SyslogCapture syslog;
+        ModuleSandbox module;
+        module.setDefaults(chronydDefaults());
+        writeServer("10.1.0.1");
+        pid_t daemon = start(module, "chronyd.pid");
+        // What tsd's write leaves on a full /var/run: the file, truncated.
+        orvtest::writeFile(kRun + "/ntpserver.ip", "");
+        EXPECT_EQ(module.run("start_ntpd.sh").status, 1);
+        EXPECT_EQ(pidFrom(kRun + "/chronyd.pid"), daemon);
+        EXPECT_EQ(module.processes(), std::vector<pid_t>{daemon});
+        EXPECT_TRUE(syslog.contains(LOG_ERR, "/var/run/timesync/ntpserver.ip is empty (was /var/run full when tsd "
+                                             "wrote it?); nothing started"))
+            << syslog.dump();
     });
 }
 

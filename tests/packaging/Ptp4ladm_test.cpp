@@ -160,6 +160,31 @@ TEST(Ptp4ladm, WithoutAFollowerStopEndsTheServerAndLeavesNothing)
     });
 }
 
+TEST(Ptp4ladm, AnEmptyConfigStartsNothingAndLeavesTheServerServing)
+{
+    runIsolated([] {
+        testsupport::SyslogCapture syslog;
+        ModuleSandbox module;
+        module.setDefaults(kFollowerDefaults);
+        writeConfig(kServerOptions);
+        ASSERT_EQ(module.run("ptp4ladm.sh start").status, 0);
+        pid_t server = pidFrom(kRun + "/ptp4l.pid");
+        ASSERT_TRUE(alive(server));
+        // What tsd's write leaves on a full /var/run: the file, truncated.
+        orvtest::writeFile(kRun + "/ptp4l.cfg", "");
+        for (const char* call : {"ptp4ladm.sh restart", "ptp4ladm.sh start"}) {
+            SCOPED_TRACE(call);
+            EXPECT_EQ(module.run(call).status, 1);
+            EXPECT_EQ(pidFrom(kRun + "/ptp4l.pid"), server);
+            EXPECT_EQ(readFile(kRun + "/ptp4l.role"), "server\n");
+            EXPECT_EQ(module.processes(), std::vector<pid_t>{server});
+        }
+        EXPECT_TRUE(syslog.contains(LOG_ERR, "/var/run/timesync/ptp4l.cfg is empty (was /var/run full when tsd "
+                                             "wrote it?); nothing started"))
+            << syslog.dump();
+    });
+}
+
 TEST(Ptp4ladm, AServerThatDoesNotStartLeavesTheModuleFollowing)
 {
     runIsolated([] {

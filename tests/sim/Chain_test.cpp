@@ -172,6 +172,31 @@ TEST(Chain, ParameterKeysAreAppliedInOnePlace)
 
 // The reference of the format is docs/chain-files.md: every event and module
 // key it lists must be known to the reader, with the same election rule.
+TEST(Chain, FaultEventsAreCheckedWithTheirBounds)
+{
+    const std::string head = "bus b\nbus c\nmodule a uuid=1 rear=b\n";
+    Chain ok = parseChain(head +
+                          "at 1 slow-script a ptp4ladm.sh 4\nat 1 slow-script a stop_ntpd.sh 0\n"
+                          "at 1 flap a.rear 10 10\nat 1 move a.rear c\nat 1 fill-run a\nat 1 free-run a\n"
+                          "at 1 flood a.rear start 100 10\nat 1 flood a.rear junk 10000 3600\n"
+                          "at 1 clients a 1000 60\n");
+    EXPECT_EQ(ok.events.size(), 9u);
+    for (const char* bad : {"slow-script a ptp4ladm.sh -1", "slow-script a ptp4ladm.sh 3601",
+                            "slow-script a rm.sh 1", "slow-script zz ptp4ladm.sh 1", "slow-script a ptp4ladm.sh",
+                            "flap a.front 10 10", "flap a.rear 0 10", "flap a.rear 51 10", "flap a.rear 10 0",
+                            "flap a.rear 10 nan", "move a.rear nope", "move a c", "fill-run", "free-run zz",
+                            "flood a.rear storm 10 1", "flood a.rear start 0 1", "flood a.rear start 10001 1",
+                            "flood a.rear start 10 3601", "flood a start 10 1", "clients a 0 1",
+                            "clients a 100001 1", "clients a -5 1", "clients a 10 0", "clients a 10"}) {
+        EXPECT_EQ(errorLine(head + "at 1 " + bad + "\n"), 4) << bad;
+    }
+    EXPECT_NE(errorText(head + "at 1 flap a.rear 51 1\n").find("0 to 50"), std::string::npos);
+    for (const auto& e : ok.events) {
+        const bool cabling = e.words[0] == "flap" || e.words[0] == "move";
+        EXPECT_EQ(tsdsim::opensElection(e), cabling) << e.text();
+    }
+}
+
 TEST(Chain, TheFormatReferenceAndTheReaderAgree)
 {
     std::ifstream in(std::string(TSDSIM_SOURCE_DIR) + "/docs/chain-files.md");
@@ -217,7 +242,7 @@ TEST(Chain, TheFormatReferenceAndTheReaderAgree)
             }
         }
     }
-    EXPECT_EQ(events, 14);
+    EXPECT_EQ(events, 21);
     EXPECT_EQ(keys, 12);
 }
 

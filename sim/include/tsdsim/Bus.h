@@ -68,6 +68,12 @@ public:
     int attach(int moduleNetnsFd, const std::string& ifname, const std::string& label);
     // Deletes the port, its module end included.
     void detach(int portId);
+    // Moves a port's cable to another bus: the bus end leaves this bus's
+    // namespace for to's, keeping its cut state, while the module's end, its
+    // interface, stays as it is, as when a cable is pulled and put into
+    // another module's socket. Returns the port's id on to. Throws
+    // std::runtime_error; an unknown port id is an error.
+    int moveTo(int portId, Bus& to, const std::string& label);
 
     // Loss and duplication rates are probabilities 0..1 per copy; delay is
     // added to each copy (ms).
@@ -105,6 +111,8 @@ private:
         mutable std::uint64_t seenToModule = 0;
     };
 
+    // Takes in the bus end index of from's namespace (Bus::moveTo).
+    int adopt(BusBridge& from, int index, bool cut, const std::string& label);
     // The port with this id, or null once detached; m_mutex must be held.
     Port* findPort(int portId);
     const Port* findPort(int portId) const;

@@ -66,6 +66,10 @@ Chain defaultChain(int n, double duration);
 // returns an empty string when fine, else the reason.
 std::string checkEvent(const Chain& chain, const Chain::Event& event);
 
+// Checks a port word, MODULE.rear or MODULE.front, of an event named
+// action: the module must be declared and have that port. Empty when fine.
+std::string checkPort(const Chain& chain, const std::string& action, const std::string& port);
+
 // Whether a (checked) event makes the daemons elect again.
 bool opensElection(const Chain::Event& event);
 

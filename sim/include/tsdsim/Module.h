@@ -85,6 +85,10 @@ public:
     // it reads its adapters at start-up. Throws std::runtime_error on failure.
     void addInterface(Side side, Bus& bus);
     bool hasInterface(Side side) const;
+    // Moves the port's cable to another bus: the interface, its address and
+    // its node id stay, as when a cable is pulled and put into another
+    // module's socket. World::move() also republishes the reachable devices.
+    void movePort(Side side, Bus& to);
     Bus* bus(Side side) const;
     int portId(Side side) const;
     std::string address(Side side) const;
@@ -169,6 +173,8 @@ public:
     void finishServicePreparation(ChildProcess* preparation);
     // Exit status the recorder script gives from now on (0 by default).
     void setScriptStatus(const std::string& script, int status) { m_scripts.setStatus(script, status); }
+    // Seconds the recorder script sleeps before it answers from now on (0: none).
+    void setScriptDelay(const std::string& script, double seconds) { m_scripts.setDelay(script, seconds); }
 
     // Reaching into the module.
     // A socket (AF_INET, type) created in the module's network namespace.

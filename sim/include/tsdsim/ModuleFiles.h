@@ -27,6 +27,7 @@ namespace tsdsim {
 //                              ModuleDevices)
 //   state/param.json           tsdparamd's state file: parameters set at run time
 //   status/SCRIPT              exit status a stand-in script gives (0 if absent)
+//   status/SCRIPT.delay        seconds it sleeps before answering (none if absent)
 //   scripts.fifo               where the stand-ins hand over their calls
 //   scripts.log                "EPOCH-MS SCRIPT ARGS", one line per script call
 //   log.sock                   the module's /dev/log
@@ -64,6 +65,7 @@ public:
     // /bin/SCRIPT), its exit status, the stand-ins' FIFO and their log.
     std::string scriptPath(const std::string& script) const { return path("bin-up/" + script); }
     std::string scriptStatusFile(const std::string& script) const { return path("status/" + script); }
+    std::string scriptDelayFile(const std::string& script) const { return path("status/" + script + ".delay"); }
     std::string scriptFifo() const { return path("scripts.fifo"); }
     std::string scriptsLog() const { return path("scripts.log"); }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tsdsim/Chain.h"
+#include "tsdsim/Faults.h"
 #include "tsdsim/RunTimeline.h"
 #include "tsdsim/World.h"
 
@@ -46,6 +47,8 @@ public:
     void finish();
 
     World& world() { return *m_world; }
+    // The faults played into the world (built with it).
+    Faults& faults() { return *m_faults; }
     const Chain& chain() const { return m_chain; }
     // Seconds since the modules were started (0 before).
     double now() const;
@@ -98,6 +101,7 @@ private:
     std::map<std::string, Final> m_final;
     World::Options m_options;
     std::unique_ptr<World> m_world;
+    std::unique_ptr<Faults> m_faults;  // goes before the world it acts on
     double m_startOffset = -1;  // world time at which the modules were started
     std::vector<Happening> m_happenings;
     // Real services: what every module followed at each look, by name.

@@ -53,6 +53,9 @@ public:
     void passTo(const std::string& scriptsDir, const std::string& defaults);
     // Exit status the stand-in gives from now on.
     void setStatus(const std::string& script, int status);
+    // Seconds the stand-in sleeps before it answers, from now on (0: none);
+    // a time service that hangs or is slow to start.
+    void setDelay(const std::string& script, double seconds);
     // Every call so far, also one whose line has just been written.
     std::vector<Call> calls() const;
 

@@ -116,6 +116,8 @@ public:
     // A whole module off the chain and back: all its cables.
     void unplug(Module& module);
     void replug(Module& module);
+    // Moves the cable of one port to another bus (Module::movePort).
+    void move(Module& module, Side side, Bus& to);
 
     // Recomputes every module's reachable devices, and has them published.
     void updateReachable();
