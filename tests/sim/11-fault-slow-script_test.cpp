@@ -37,6 +37,14 @@ at 5.5 param m1 threshold=1.5
     const double returned = called + 4.0;
     const double recovered = run.recovery("slow script (4 s)", returned, 0x011003);
     ASSERT_GE(recovered, 0) << run.dump();
+    // Every module shows the master's new threshold. The master's own state
+    // may follow its election result by a moment: it publishes when the
+    // queued telegrams of the hang have been worked off.
+    const auto thresholdShown = [&run](const char* name) {
+        return run[name].state("sync/app")["master_threshold_back"].asDouble() == 2.5;
+    };
+    run.world().waitFor([&] { return thresholdShown("m1") && thresholdShown("m2") && thresholdShown("m3"); },
+                        simtest::kSettle);
     for (const char* name : {"m1", "m2", "m3"}) {
         EXPECT_DOUBLE_EQ(run[name].state("sync/app")["master_threshold_back"].asDouble(), 2.5) << run.dump();
     }
