@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <stdexcept>
 
@@ -78,32 +79,9 @@ const Bus::Port* Bus::findPort(int portId) const
 
 int Bus::attach(int moduleNetnsFd, const std::string& ifname, const std::string& label)
 {
-    std::lock_guard<std::mutex> control(m_control);
-    account();
-    int id;
-    bool relaying;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        id = m_nextPortId++;
-        relaying = m_relaying;
-    }
-    const int index = m_bridge->addPort(id, moduleNetnsFd, ifname);
-    if (index < 0) {
-        throw std::runtime_error("tsdsim: bus " + m_name + ": " + label + ": " + m_bridge->error());
-    }
-    Port port{id, index, label};
-    if (relaying) {
-        m_bridge->setForwarding(index, false);
-        port.relayFd = openPortSocket(index);
-    }
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_ports.push_back(port);
-    }
-    if (port.relayFd >= 0) {
-        m_io.addFd(port.relayFd, EPOLLIN, [this, id](std::uint32_t) { onRelayReadable(id); });
-    }
-    return id;
+    return takePort(
+        [&](int id) { return m_bridge->addPort(id, moduleNetnsFd, ifname); }, [&] { return m_bridge->error(); },
+        false, label);
 }
 
 void Bus::detach(int portId)
@@ -205,6 +183,13 @@ int Bus::moveTo(int portId, Bus& to, const std::string& label)
 
 int Bus::adopt(BusBridge& from, int index, bool cut, const std::string& label)
 {
+    return takePort([&](int id) { return from.movePort(index, *m_bridge, id); }, [&] { return from.error(); }, cut,
+                    label);
+}
+
+int Bus::takePort(const std::function<int(int id)>& makeEnd, const std::function<std::string()>& why, bool cut,
+                  const std::string& label)
+{
     std::lock_guard<std::mutex> control(m_control);
     account();
     int id;
@@ -214,27 +199,27 @@ int Bus::adopt(BusBridge& from, int index, bool cut, const std::string& label)
         id = m_nextPortId++;
         relaying = m_relaying;
     }
-    const int moved = from.movePort(index, *m_bridge, id);
-    if (moved < 0) {
-        throw std::runtime_error("tsdsim: bus " + m_name + ": " + label + ": " + from.error());
+    const int index = makeEnd(id);
+    if (index < 0) {
+        throw std::runtime_error("tsdsim: bus " + m_name + ": " + label + ": " + why());
     }
-    Port port{id, moved, label};
+    Port port{id, index, label};
     port.cut = cut;
-    // The bus end keeps its counters through the move: what it counted on the
-    // other bus is not this bus's traffic.
+    // A bus end moved from another bus keeps its counters: what it counted
+    // there is not this bus's traffic.
     std::map<int, BusBridge::Counters> counters;
     if (m_bridge->allCounters(counters)) {
-        const auto it = counters.find(moved);
+        const auto it = counters.find(index);
         if (it != counters.end()) {
             port.seenFromModule = it->second.fromModule;
             port.seenToModule = it->second.toModule;
         }
     }
     if (cut || relaying) {
-        m_bridge->setForwarding(moved, false);
+        m_bridge->setForwarding(index, false);
     }
     if (relaying) {
-        port.relayFd = openPortSocket(moved);
+        port.relayFd = openPortSocket(index);
     }
     {
         std::lock_guard<std::mutex> lock(m_mutex);

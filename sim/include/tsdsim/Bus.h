@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -113,6 +114,11 @@ private:
 
     // Takes in the bus end index of from's namespace (Bus::moveTo).
     int adopt(BusBridge& from, int index, bool cut, const std::string& label);
+    // Adds a port whose bus end makeEnd(id) puts into this bus's namespace
+    // (a new veth pair, or one moved from another bus) and returns the
+    // end's index, or -1 with why() telling the reason.
+    int takePort(const std::function<int(int id)>& makeEnd, const std::function<std::string()>& why, bool cut,
+                 const std::string& label);
     // The port with this id, or null once detached; m_mutex must be held.
     Port* findPort(int portId);
     const Port* findPort(int portId) const;
