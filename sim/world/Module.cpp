@@ -211,7 +211,10 @@ void Module::stop()
 {
     m_processes.stopAll();
     if (m_timeServices) {
-        m_timeServices->kill();
+        // A script killed halfway may have forked its service just before:
+        // look again until a pass finds nothing left in the module.
+        for (int pass = 0; pass < 10 && m_timeServices->kill() > 0; ++pass) {
+        }
         m_servicesPrepared = false;
     }
     // Whatever the watcher recorded belonged to that broker.
