@@ -95,14 +95,10 @@ bool configureInterface(int netnsFd, const std::string& name, const std::string&
 
 bool sendCompleteChecksums(int netnsFd, const std::string& name, std::string& error)
 {
-    NetnsSwitch in(netnsFd);
-    if (!in.ok()) {
-        error = sysError("setns");
-        return false;
-    }
-    int s = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    // The ioctl acts on the namespace the socket was made in.
+    const int s = socketIn(netnsFd, AF_INET, SOCK_DGRAM, 0);
     if (s < 0) {
-        error = sysError("socket");
+        error = sysError("socket in the module's namespace");
         return false;
     }
     ethtool_value off{};
