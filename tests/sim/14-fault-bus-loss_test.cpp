@@ -37,8 +37,10 @@ at 24 loss chain 0
     std::printf("modules showing an older master threshold when the bus is clean again: %d\n", stale);
     tsdsim::SyncParam p = run["m3"].param();
     p.threshold = 3.5;
-    run["m3"].setParam(p);
+    // Taken before the set: the election it starts may be over before the
+    // set's client has exited.
     const double changed = run.world().now();
+    run["m3"].setParam(p);
     ASSERT_TRUE(run.world().waitFor(
         [&] {
             for (const char* name : {"m1", "m2", "m3"}) {

@@ -58,8 +58,10 @@ at 4 flood m1.rear junk 100 5
 
     tsdsim::SyncParam p = run["m3"].param();
     p.threshold = 2.5;
-    run["m3"].setParam(p);
+    // Taken before the set: the election it starts may be over before the
+    // set's client has exited.
     const double changed = run.world().now();
+    run["m3"].setParam(p);
     ASSERT_TRUE(run.world().waitFor(
         [&] {
             for (const char* name : {"m1", "m2", "m3"}) {
