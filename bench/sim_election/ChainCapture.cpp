@@ -15,6 +15,7 @@
 #include <iterator>
 
 #include "tsdsim/Module.h"
+#include "tsdsim/StampedFrame.h"
 
 namespace simbench {
 
@@ -87,30 +88,17 @@ struct Received
 Received receive(int fd, unsigned char* frame, std::size_t capacity)
 {
     Received r;
-    char control[CMSG_SPACE(sizeof(timespec))];
-    iovec iov{frame, capacity};
-    sockaddr_ll from{};
-    msghdr msg{};
-    msg.msg_name = &from;
-    msg.msg_namelen = sizeof from;
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    msg.msg_control = control;
-    msg.msg_controllen = sizeof control;
-    const ssize_t got = ::recvmsg(fd, &msg, MSG_DONTWAIT);
-    if (got <= 0) {
+    const tsdsim::StampedFrame f = tsdsim::readStampedFrame(fd, frame, capacity);
+    if (f.size == 0) {
         return r;
     }
-    const cmsghdr* c = CMSG_FIRSTHDR(&msg);
-    if (!c || c->cmsg_type != SCM_TIMESTAMPNS) {
+    if (!f.stamp) {
         r.size = static_cast<std::size_t>(-1);  // no time stamp: skip, keep reading
         return r;
     }
-    timespec stamp{};
-    std::memcpy(&stamp, CMSG_DATA(c), sizeof stamp);
-    r.size = static_cast<std::size_t>(got);
-    r.packetType = from.sll_pkttype;
-    r.wallMs = static_cast<double>(stamp.tv_sec) * 1000.0 + static_cast<double>(stamp.tv_nsec) / 1e6;
+    r.size = f.size;
+    r.packetType = f.packetType;
+    r.wallMs = static_cast<double>(f.stamp->tv_sec) * 1000.0 + static_cast<double>(f.stamp->tv_nsec) / 1e6;
     return r;
 }
 

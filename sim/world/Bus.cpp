@@ -17,6 +17,7 @@
 #include "BusBridge.h"
 #include "NsOps.h"
 #include "tsdsim/LoopThread.h"
+#include "tsdsim/StampedFrame.h"
 
 namespace tsdsim {
 
@@ -518,27 +519,14 @@ void Bus::onCaptureReadable()
 
 bool Bus::readCapture(int fd, unsigned char* buffer, std::size_t size)
 {
-    char control[CMSG_SPACE(sizeof(timespec))];
-    iovec iov{buffer, size};
-    msghdr msg{};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    msg.msg_control = control;
-    msg.msg_controllen = sizeof control;
-    const ssize_t n = ::recvmsg(fd, &msg, MSG_DONTWAIT);
-    if (n <= 0) {
-        return false;  // EAGAIN: drained
+    const StampedFrame frame = readStampedFrame(fd, buffer, size);
+    if (frame.size == 0) {
+        return false;
     }
-    auto when = std::chrono::system_clock::now();
-    const cmsghdr* c = CMSG_FIRSTHDR(&msg);
-    if (c && c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_TIMESTAMPNS) {
-        timespec stamp{};
-        std::memcpy(&stamp, CMSG_DATA(c), sizeof stamp);
-        when = wallTime(stamp);
-    }
+    const auto when = frame.stamp ? wallTime(*frame.stamp) : std::chrono::system_clock::now();
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_capturing) {
-        m_pcap.write(when, buffer, static_cast<std::size_t>(n));
+        m_pcap.write(when, buffer, frame.size);
     }
     return true;
 }

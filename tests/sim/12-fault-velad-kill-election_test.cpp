@@ -23,24 +23,8 @@ at 5.6 start-velad m2
     ASSERT_GE(recovered, 0) << run.dump();
     // A later election completes on every module: the daemon's lists did not
     // keep a stale device from before the broker's death.
-    const double changed = run.world().now();
-    run["m3"].setParam([&] {
-        tsdsim::SyncParam p = run["m3"].param();
-        p.threshold = 4.5;
-        return p;
-    }());
-    ASSERT_TRUE(run.world().waitFor(
-        [&] {
-            for (const char* name : {"m1", "m2", "m3"}) {
-                if (run[name].state("sync/app")["master_threshold_back"].asDouble() != 4.5 ||
-                    !simtest::FaultRun::settled(run[name], 0x012003)) {
-                    return false;
-                }
-            }
-            return true;
-        },
-        simtest::kSettle))
-        << run.dump();
+    const double changed = run.changeThreshold("m3", 4.5);
+    ASSERT_GE(changed, 0) << run.dump();
     ASSERT_GE(run.recovery("election after the broker's return", changed, 0x012003), 0) << run.dump();
     run.expectBusesHoldState();
     run.expectCleanExit();

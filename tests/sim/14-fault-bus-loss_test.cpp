@@ -35,23 +35,8 @@ at 24 loss chain 0
         stale += run[name].state("sync/app")["master_threshold_back"].asDouble() != 2.5 ? 1 : 0;
     }
     std::printf("modules showing an older master threshold when the bus is clean again: %d\n", stale);
-    tsdsim::SyncParam p = run["m3"].param();
-    p.threshold = 3.5;
-    // Taken before the set: the election it starts may be over before the
-    // set's client has exited.
-    const double changed = run.world().now();
-    run["m3"].setParam(p);
-    ASSERT_TRUE(run.world().waitFor(
-        [&] {
-            for (const char* name : {"m1", "m2", "m3"}) {
-                if (run[name].state("sync/app")["master_threshold_back"].asDouble() != 3.5) {
-                    return false;
-                }
-            }
-            return true;
-        },
-        simtest::kSettle))
-        << run.dump();
+    const double changed = run.changeThreshold("m3", 3.5);
+    ASSERT_GE(changed, 0) << run.dump();
     const double recovered = run.recovery("30 % loss for 20 s (next election)", changed, 0x014003);
     ASSERT_GE(recovered, 0) << run.dump();
     std::printf("from the clean bus until every module agreed again: %.2f s\n",

@@ -56,23 +56,8 @@ at 4 flood m1.rear junk 100 5
     std::this_thread::sleep_for(std::chrono::seconds(2));
     EXPECT_EQ(warnings(run["m2"], afterFlood), 0u) << "warnings went on after the flood";
 
-    tsdsim::SyncParam p = run["m3"].param();
-    p.threshold = 2.5;
-    // Taken before the set: the election it starts may be over before the
-    // set's client has exited.
-    const double changed = run.world().now();
-    run["m3"].setParam(p);
-    ASSERT_TRUE(run.world().waitFor(
-        [&] {
-            for (const char* name : {"m1", "m2", "m3"}) {
-                if (run[name].state("sync/app")["master_threshold_back"].asDouble() != 2.5) {
-                    return false;
-                }
-            }
-            return true;
-        },
-        simtest::kSettle))
-        << run.dump();
+    const double changed = run.changeThreshold("m3", 2.5);
+    ASSERT_GE(changed, 0) << run.dump();
     ASSERT_GE(run.recovery("election after a malformed flood", changed, 0x018003), 0) << run.dump();
     (void)end;
     run.expectBusesHoldState();

@@ -118,6 +118,30 @@ public:
         return done;
     }
 
+    // Gives module name a new threshold and waits until every module shows
+    // it as its rear master's threshold. Returns the world time taken before
+    // the set, since the election it starts may end before the set's client
+    // has exited, or -1 when the chain did not agree in time.
+    double changeThreshold(const std::string& name, double threshold)
+    {
+        tsdsim::Module& m = (*this)[name];
+        tsdsim::SyncParam p = m.param();
+        p.threshold = threshold;
+        const double changed = world().now();
+        m.setParam(p);
+        const bool agreed = world().waitFor(
+            [&] {
+                for (auto& other : world().modules()) {
+                    if (other->state("sync/app")["master_threshold_back"].asDouble() != threshold) {
+                        return false;
+                    }
+                }
+                return true;
+            },
+            simtest::kSettle);
+        return agreed ? changed : -1;
+    }
+
     // World time of a scenario time (seconds after the start).
     double worldTime(double scenarioTime) { return world().now() - m_scenario.now() + scenarioTime; }
 
